@@ -1,0 +1,130 @@
+#include "orvane_kestrix/text/unicode.hpp"
+
+#include <unicode/bytestream.h>
+#include <unicode/casemap.h>
+#include <unicode/utf8.h>
+
+#include <stdexcept>
+
+namespace orvane_kestrix::text {
+
+std::size_t code_points(std::string_view utf8) {
+    std::size_t n = 0;
+    for (unsigned char c : utf8) {
+        if ((c & 0xC0) != 0x80) ++n;
+    }
+    return n;
+}
+
+std::string lowercase(std::string_view utf8) {
+    // ASCII fast path: most names and keywords are ASCII.
+    bool ascii = true;
+    for (unsigned char c : utf8) {
+        if (c >= 0x80) {
+            ascii = false;
+            break;
+        }
+    }
+    if (ascii) {
+        std::string out(utf8);
+        for (char& c : out) {
+            if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+        }
+        return out;
+    }
+    std::string out;
+    icu::StringByteSink<std::string> sink(&out, static_cast<int32_t>(utf8.size()));
+    UErrorCode status = U_ZERO_ERROR;
+    icu::CaseMap::utf8ToLower("", 0, icu::StringPiece(utf8.data(), static_cast<int32_t>(utf8.size())),
+                              sink, nullptr, status);
+    if (U_FAILURE(status)) throw std::runtime_error("lowercase: ICU case mapping failed");
+    return out;
+}
+
+bool is_space(char32_t cp) {
+    return (cp >= 0x09 && cp <= 0x0D) || (cp >= 0x1C && cp <= 0x20) || cp == 0x85 || cp == 0xA0 ||
+           cp == 0x1680 || (cp >= 0x2000 && cp <= 0x200A) || cp == 0x2028 || cp == 0x2029 ||
+           cp == 0x202F || cp == 0x205F || cp == 0x3000;
+}
+
+namespace {
+
+// Byte length of the white-space code point that ends `s`, or 0.
+std::size_t trailing_space_len(std::string_view s) {
+    if (s.empty()) return 0;
+    auto last = static_cast<unsigned char>(s.back());
+    if (last < 0x80) return is_space(last) ? 1 : 0;
+    // Step back to the lead byte of the last code point.
+    std::size_t start = s.size() - 1;
+    while (start > 0 && (static_cast<unsigned char>(s[start]) & 0xC0) == 0x80 && s.size() - start < 4) --start;
+    int32_t i = static_cast<int32_t>(start);
+    UChar32 cp;
+    U8_NEXT(reinterpret_cast<const uint8_t*>(s.data()), i, static_cast<int32_t>(s.size()), cp);
+    if (cp < 0 || static_cast<std::size_t>(i) != s.size()) return 0;
+    return is_space(static_cast<char32_t>(cp)) ? s.size() - start : 0;
+}
+
+// Byte length of the white-space code point that starts `s`, or 0.
+std::size_t leading_space_len(std::string_view s) {
+    if (s.empty()) return 0;
+    int32_t i = 0;
+    UChar32 cp;
+    U8_NEXT(reinterpret_cast<const uint8_t*>(s.data()), i, static_cast<int32_t>(s.size()), cp);
+    if (cp < 0) return 0;
+    return is_space(static_cast<char32_t>(cp)) ? static_cast<std::size_t>(i) : 0;
+}
+
+}  // namespace
+
+std::string_view rstrip(std::string_view utf8) {
+    while (std::size_t n = trailing_space_len(utf8)) utf8.remove_suffix(n);
+    return utf8;
+}
+
+std::string_view strip(std::string_view utf8) {
+    while (std::size_t n = leading_space_len(utf8)) utf8.remove_prefix(n);
+    return rstrip(utf8);
+}
+
+std::string decode_utf8_lenient(std::string_view bytes) {
+    std::string out;
+    out.reserve(bytes.size());
+    const auto* data = reinterpret_cast<const uint8_t*>(bytes.data());
+    const auto length = static_cast<int32_t>(bytes.size());
+    int32_t i = 0;
+    while (i < length) {
+        if (data[i] < 0x80) {
+            out.push_back(static_cast<char>(data[i]));
+            ++i;
+            continue;
+        }
+        int32_t start = i;
+        UChar32 cp;
+        // U8_NEXT consumes exactly one maximal ill-formed subsequence on error, which is the
+        // replacement policy of Python's "replace" decoder.
+        U8_NEXT(data, i, length, cp);
+        if (cp < 0) {
+            out += "\xEF\xBF\xBD";
+        } else {
+            out.append(bytes.substr(static_cast<std::size_t>(start), static_cast<std::size_t>(i - start)));
+        }
+    }
+    return out;
+}
+
+std::string universal_newlines(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        char c = text[i];
+        if (c == '\r') {
+            out.push_back('\n');
+            if (i + 1 < text.size() && text[i + 1] == '\n') ++i;
+        } else {
+            out.push_back(c);
+        }
+    }
+    return out;
+}
+
+}  // namespace orvane_kestrix::text
