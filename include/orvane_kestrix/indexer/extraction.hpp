@@ -1,0 +1,83 @@
+#pragma once
+// What the parser takes out of one source file: its definitions, the names it uses and the
+// modules it imports. The index builder resolves uses to definitions across files.
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace orvane_kestrix::indexer {
+
+enum class Language { python, javascript, typescript, tsx, go, rust, java, c, cpp, markdown, json, yaml, toml };
+
+// The language of a repository path by its extension,
+// or absent for a file the index does not record.
+std::optional<Language> language_for_path(std::string_view path);
+std::string_view language_name(Language language);
+// Source code (parsed for symbols and references), as opposed to documentation and data files.
+bool is_source_language(Language language);
+
+struct ExtractedSymbol {
+    std::string name;
+    std::string fqn;   // qualified by module and enclosing scopes, per language
+    std::string kind;  // class, interface, struct, trait, enum, function, method, module,
+                       // namespace, type, variable, constant, field, property, section
+    std::int64_t start_line = 1;  // 1-based
+    std::int64_t end_line = 1;    // 1-based, inclusive
+    std::optional<std::string> signature;  // the definition's head up to its body, white space folded
+    std::optional<std::string> docstring;  // markers stripped; cut at the limit
+    bool docstring_truncated = false;
+    bool is_export = false;
+    std::optional<std::size_t> parent;  // index of the enclosing definition in `symbols`
+};
+
+struct ExtractedReference {
+    std::string name;       // the referenced identifier (last component), e.g. "join"
+    std::string qualifier;  // what precedes it as written, e.g. "os.path"; empty when bare
+    std::string usage_type;  // "call", "import", "type", "inherit", ...
+    std::int64_t line = 1;
+    std::string context;  // the trimmed source line of the use
+    std::optional<std::size_t> caller;  // index of the enclosing definition in `symbols`
+};
+
+struct ExtractedImport {
+    std::string module;  // as written: "pkg.mod", "./util", "fmt", "crate::a::b", "x.h", "com.x.Y"
+    std::vector<std::string> names;  // names imported from it; empty when the module itself is
+    std::optional<std::string> alias;
+    std::int64_t line = 1;
+};
+
+struct FileExtraction {
+    std::string module_name;  // the file's module as its language names it (for fqns)
+    std::vector<ExtractedSymbol> symbols;  // in source order
+    std::vector<ExtractedReference> references;
+    std::vector<ExtractedImport> imports;
+    bool has_syntax_errors = false;
+};
+
+struct ExtractorOptions {
+    std::size_t docstring_limit = 4000;  // bytes; longer docstrings are cut and flagged
+};
+
+// Parses files of any supported language. Not thread-safe: one extractor per thread
+// (compiled queries are shared between extractors internally).
+class Extractor {
+public:
+    explicit Extractor(ExtractorOptions options = {});
+    ~Extractor();
+    Extractor(const Extractor&) = delete;
+    Extractor& operator=(const Extractor&) = delete;
+
+    // `path` is repository-relative with "/" separators; `content` is the file's bytes.
+    FileExtraction extract(Language language, std::string_view path, std::string_view content);
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace orvane_kestrix::indexer
