@@ -1,0 +1,3 @@
+module example.com/sample
+
+go 1.21
