@@ -92,8 +92,10 @@ public:
     virtual FanInMap production_fan_in(const std::vector<std::int64_t>& ids) = 0;
     // Those of `paths` that are test files.
     virtual std::unordered_set<std::string> test_paths(const std::vector<std::string>& paths) = 0;
+    // Symbol id -> (symbol, its file's path), for the ids the index holds; an absent id
+    // matches nothing.
     virtual std::unordered_map<std::int64_t, SymbolWithPath> symbols_with_paths(
-        const std::vector<std::int64_t>& ids) = 0;
+        const std::vector<std::optional<std::int64_t>>& ids) = 0;
     // The test files that reach at least one of `paths`, each answering for the asked paths.
     virtual std::vector<CoveringTest> find_covering_tests(const std::vector<std::string>& paths) = 0;
     virtual std::vector<Symbol> get_symbols_by_file(std::int64_t file_id) = 0;
