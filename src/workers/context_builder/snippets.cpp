@@ -1,0 +1,119 @@
+// Snippet extraction: the head of a symbol's source text, cut to the per-symbol line cap and to
+// what remains of the pack's total line cap.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <limits>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include "orvane_kestrix/text/unicode.hpp"
+#include "orvane_kestrix/workers/context_builder/context_builder.hpp"
+
+namespace orvane_kestrix {
+
+namespace {
+
+// Closes a descriptor when the read is done, whichever way it ends.
+class FileDescriptor {
+public:
+    explicit FileDescriptor(int fd) : fd_(fd) {}
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    ~FileDescriptor() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    int get() const { return fd_; }
+
+private:
+    int fd_;
+};
+
+// The whole content of a regular file, or nothing when the operating system refuses it: a
+// missing file, a directory, no permission, a read error. Anything that is not a regular file
+// (a FIFO, a device, a socket) is refused too, so a read can neither block nor run forever.
+std::optional<std::string> read_regular_file(const std::filesystem::path& path) {
+    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (fd.get() < 0) return std::nullopt;
+    struct stat info {};
+    if (::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode)) return std::nullopt;
+
+    std::string content;
+    if (info.st_size > 0) content.reserve(static_cast<std::size_t>(info.st_size));
+    char buffer[65536];
+    for (;;) {
+        const ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
+        if (n == 0) break;
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return std::nullopt;
+        }
+        content.append(buffer, static_cast<std::size_t>(n));
+    }
+    return content;
+}
+
+// a - b, saturated to the range of int64 (the caps are plain integers to the caller).
+std::int64_t saturating_difference(std::int64_t a, std::int64_t b) {
+    std::int64_t result = 0;
+    if (__builtin_sub_overflow(a, b, &result)) {
+        return b < 0 ? std::numeric_limits<std::int64_t>::max() : std::numeric_limits<std::int64_t>::min();
+    }
+    return result;
+}
+
+}  // namespace
+
+std::pair<std::optional<std::string>, std::int64_t> ContextBuilder::_extract_snippet(
+    const std::filesystem::path& file_path, std::int64_t start_line, std::int64_t end_line,
+    std::int64_t total_lines_so_far, std::int64_t max_lines, std::int64_t total_cap) {
+    // The pack's cap is used up: do not touch the file at all.
+    const std::int64_t remaining_lines = saturating_difference(total_cap, total_lines_so_far);
+    if (remaining_lines <= 0) return {std::nullopt, 0};
+
+    std::error_code error;
+    if (!std::filesystem::exists(file_path, error) || error) return {std::nullopt, 0};
+    auto raw = read_regular_file(file_path);
+    if (!raw) return {std::nullopt, 0};
+
+    // Text as the rest of the system sees it: undecodable bytes replaced, CR LF and lone CR
+    // read as LF, a byte-order mark kept.
+    const std::string content = text::universal_newlines(text::decode_utf8_lenient(*raw));
+
+    // Line starts; a line runs up to and including its LF, the last one may have none.
+    std::vector<std::size_t> line_starts;
+    for (std::size_t pos = 0; pos < content.size();) {
+        line_starts.push_back(pos);
+        const std::size_t lf = content.find('\n', pos);
+        pos = lf == std::string::npos ? content.size() : lf + 1;
+    }
+    const auto line_count = static_cast<std::int64_t>(line_starts.size());
+
+    const std::int64_t snippet_start = start_line < 1 ? 0 : start_line - 1;
+    std::int64_t snippet_end = std::min(line_count, end_line);
+    std::int64_t snippet_lines_count = saturating_difference(snippet_end, snippet_start);
+    if (snippet_lines_count > max_lines) {
+        snippet_end = snippet_start + max_lines;
+        snippet_lines_count = max_lines;
+    }
+    if (snippet_lines_count > remaining_lines) {
+        snippet_end = snippet_start + remaining_lines;
+        snippet_lines_count = remaining_lines;
+    }
+    if (snippet_lines_count <= 0) return {std::nullopt, 0};
+
+    // Here 0 <= snippet_start < snippet_end <= line_count.
+    const std::size_t from = line_starts[static_cast<std::size_t>(snippet_start)];
+    const std::size_t to = snippet_end < line_count ? line_starts[static_cast<std::size_t>(snippet_end)]
+                                                    : content.size();
+    const std::string_view selected = std::string_view(content).substr(from, to - from);
+    return {std::string(text::rstrip(selected)), snippet_lines_count};
+}
+
+}  // namespace orvane_kestrix
