@@ -1,0 +1,86 @@
+#pragma once
+// Builds or refreshes the SQLite index of a repository.
+//
+// A run lists the repository's files, re-parses only those whose content changed (by size and
+// modification time first, then by content hash), drops the files that are gone, and
+// recomputes what depends on other files: reference targets, production fan-in and covering
+// tests. Files are read and parsed on worker threads (one parser each); one thread writes, one
+// transaction per batch of files. Bad input never stops a run: a file that cannot be used is
+// skipped and counted by reason.
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "orvane_kestrix/indexer/extraction.hpp"
+
+namespace orvane_kestrix::indexer {
+
+// Parses one file: (language, repository path, UTF-8 text with LF line ends).
+using ExtractFunction = std::function<FileExtraction(Language, std::string_view, std::string_view)>;
+
+struct IndexProgress {
+    std::string_view phase;  // "scanning", "parsing", "resolving"
+    std::size_t done = 0;
+    std::size_t total = 0;
+};
+
+struct IndexOptions {
+    std::filesystem::path repo = ".";
+    // The database file; default: <repo>/.kestrix/index.db.
+    std::optional<std::filesystem::path> db;
+    // Delete whatever is at the database path and index from scratch.
+    bool rebuild = false;
+    // Parser threads; 0: one per hardware thread.
+    unsigned jobs = 0;
+    // Larger files are skipped as "too_large".
+    std::uint64_t max_file_size = 2 * 1024 * 1024;
+    // List the files with git when the repository is in a work tree.
+    bool use_git = true;
+    // Called on the writing thread as work advances.
+    std::function<void(const IndexProgress&)> on_progress;
+    // Set from elsewhere (a signal handler) to stop at the next file; the index keeps every
+    // completed batch and stays readable.
+    const std::atomic<bool>* cancel = nullptr;
+    // Makes one parser per worker thread; default: the tree-sitter Extractor.
+    std::function<ExtractFunction()> make_extractor;
+};
+
+struct IndexStats {
+    std::int64_t files = 0;        // files in the index after the run
+    std::int64_t parsed = 0;       // new or changed files parsed in this run
+    std::int64_t unchanged = 0;    // files whose content had not changed
+    std::int64_t removed = 0;      // files dropped from the index
+    std::map<std::string, std::int64_t> skipped;  // reason -> files
+    std::int64_t symbols = 0;      // in the index after the run
+    std::int64_t references = 0;   // in the index after the run
+    double seconds = 0;
+    bool cancelled = false;
+
+    std::int64_t skipped_total() const;
+    // One line: files indexed, skipped by reason, symbols, references, seconds.
+    std::string summary() const;
+};
+
+// <repo>/.kestrix/index.db
+std::filesystem::path default_index_path(const std::filesystem::path& repo);
+
+class IndexBuilder {
+public:
+    explicit IndexBuilder(IndexOptions options);
+
+    // Runs once. Throws storage::IndexFileError for a database file that is damaged, foreign
+    // or of a newer schema (the message names the file and --rebuild).
+    IndexStats run();
+
+private:
+    IndexOptions options_;
+};
+
+}  // namespace orvane_kestrix::indexer

@@ -1,0 +1,238 @@
+#pragma once
+// The SQLite index file: opening it, its schema and schema version, and thin RAII wrappers over
+// the SQLite C API shared by the index writer and the index reader.
+//
+// One database file per repository (by default <root>/.kestrix/index.db), journal mode WAL, so
+// readers keep seeing the last committed state while the indexer writes. The file carries
+// PRAGMA application_id = kIndexApplicationId and PRAGMA user_version = kIndexSchemaVersion;
+// a file with another application id and tables of its own is a foreign file, never touched
+// unless the caller asks for a rebuild.
+//
+// Schema (version 1). Paths are repository-relative, "/"-separated. Booleans are 0/1 integers.
+// Lines are 1-based, end lines inclusive.
+//
+//   meta(key TEXT PRIMARY KEY, value TEXT)
+//       "schema_version": the schema version as text (mirrors user_version);
+//       "derived_stale": "1" while file data has been written but references, fan-in and
+//           covering tests have not yet been recomputed (an interrupted run); the next run
+//           recomputes them even when no file changed. "0" otherwise.
+//       "indexed_at": the UTC time of the last completed run, ISO 8601.
+//
+//   components(id INTEGER PRIMARY KEY, name TEXT UNIQUE)
+//       A directory holding a package manifest (pyproject.toml, setup.py, package.json, go.mod,
+//       Cargo.toml, pom.xml, build.gradle, CMakeLists.txt), or a top-level directory of files
+//       under no manifest, or "." for the root. `name` is the directory's repository path.
+//       Lookup by name: the UNIQUE index.
+//
+//   files(id INTEGER PRIMARY KEY, path TEXT UNIQUE, language TEXT, is_test, is_source,
+//         component_id, content_hash TEXT, size, mtime_ns, module_name TEXT, has_syntax_errors)
+//       One row per indexed file. `language` is language_name() ("python", "markdown", ...);
+//       `is_source` marks source code as opposed to documentation and data files (Markdown,
+//       JSON, YAML, TOML); `is_test` follows each language's test-file conventions;
+//       `component_id` is the file's deepest component (NULL only if none could be given);
+//       `content_hash` is the XXH3-128 of the raw bytes in hex; `size`/`mtime_ns` let a later
+//       run skip reading unchanged files (mtime_ns is -1 when it was too recent to be trusted);
+//       `module_name` is the module name the parser gave the file. File ids are stable while
+//       the path stays indexed.
+//       Indexes: files_by_component(component_id); the UNIQUE index on path.
+//
+//   symbols(id INTEGER PRIMARY KEY AUTOINCREMENT, file_id, parent_id, name, fqn, kind,
+//           start_line, end_line, signature, docstring, docstring_truncated, is_export,
+//           token_count, production_fan_in)
+//       One row per definition. `parent_id` is the enclosing definition in the same file, or
+//       NULL. `signature`/`docstring` are NULL when absent. `token_count` is the stored
+//       Symbol::token_count(): estimate_tokens of the compact JSON text of
+//       {"fqn","name","kind","file","line","signature"} (line = start_line, signature null when
+//       absent). `production_fan_in` is the number of references from non-test files resolved
+//       to this symbol. Ids are never reused (AUTOINCREMENT); a re-parsed file gets new ids.
+//       Order within a file: by id, which is source order.
+//       Indexes: symbols_by_file(file_id, start_line), symbols_by_fqn(fqn).
+//
+//   symbol_names: FTS5 table, trigram tokenizer, detail=none, external content = symbols,
+//       one column `name`; rowid = symbols.id. It makes LIKE over names use an index even
+//       for substring patterns ('%read%'); the trigram LIKE folds case beyond ASCII, so repeat
+//       the LIKE on symbols.name for SQLite's own (ASCII case-insensitive) semantics:
+//         SELECT s.* FROM symbols s JOIN files f ON f.id = s.file_id
+//         WHERE s.id IN (SELECT rowid FROM symbol_names WHERE name LIKE :p)
+//           AND s.name LIKE :p [AND f.is_source = 1] ORDER BY s.id LIMIT :limit
+//
+//   symbol_text: FTS5 table (unicode61 tokenizer), external content = symbols, columns name,
+//       fqn, signature, docstring; rowid = symbols.id. Full-text search for retrievers
+//       (MATCH, bm25()).
+//       Both FTS tables are kept in step with `symbols` by triggers.
+//
+//   refs(id INTEGER PRIMARY KEY AUTOINCREMENT, file_id, caller_id, name, qualifier,
+//        usage_type, line, context)
+//       One row per use of a name: a call, an import, a type use, an inheritance...
+//       (`usage_type` as the parser names it: "call", "import", "type", "inherit", ...).
+//       `name` is the used identifier (last component), `qualifier` what precedes it as written
+//       ("os.path", "self", "" when bare). `caller_id` is the symbols.id of the enclosing
+//       definition in the same file, NULL at module level. `context` is the trimmed source
+//       line of the use. Ids are never reused. Index: refs_by_file(file_id).
+//
+//   ref_targets(symbol_id, ref_id) PRIMARY KEY (symbol_id, ref_id), WITHOUT ROWID
+//       The definitions a reference was resolved to (same file first, then the names and
+//       modules its file imports, then a name unique in the whole index); a reference may
+//       have several targets, or none (calls into libraries outside the repository).
+//       References of one symbol, in a stable order:
+//         SELECT r.usage_type, c.fqn, c.kind, c.name, r.context
+//         FROM symbols t JOIN ref_targets rt ON rt.symbol_id = t.id
+//           JOIN refs r ON r.id = rt.ref_id JOIN files f ON f.id = r.file_id
+//           LEFT JOIN symbols c ON c.id = r.caller_id
+//         WHERE t.fqn = :fqn ORDER BY f.path, r.line, r.id
+//       (GROUP BY r.id when several symbols share the fqn.)
+//
+//   imports(id INTEGER PRIMARY KEY, file_id, module, name, alias, line)
+//       One row per imported name (`name` NULL when the module itself is imported);
+//       `module` as written ("pkg.mod", "./util", "fmt", "crate::a", "x.h").
+//       Index: imports_by_file(file_id).
+//
+//   covering_tests(source_file_id, test_file_id, rank REAL, used_symbols)
+//       PRIMARY KEY (source_file_id, test_file_id), WITHOUT ROWID
+//       A test file reaches a source file when it imports it or uses its symbols. Lower rank is
+//       better: 0 for the test named after the source file (test_cart.py, cart_test.py,
+//       point_test.go, format.test.js, InventoryTest.java...), then 1, 2, ... by how many
+//       distinct symbols of the source file the test uses, most first (equal counts share a
+//       rank). `used_symbols` is that count.
+//       Index: covering_tests_by_test(test_file_id).
+//
+// Every write happens in the indexer; readers open the file read-only.
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace orvane_kestrix::storage {
+
+inline constexpr int kIndexSchemaVersion = 1;
+// "KSTX": marks a file as an index of this tool.
+inline constexpr std::int32_t kIndexApplicationId = 0x4B535458;
+
+// An error reported by SQLite; `code()` is the extended result code.
+class SqliteError : public std::runtime_error {
+public:
+    SqliteError(int code, const std::string& message);
+    int code() const { return code_; }
+    // Whether the error says the file is damaged or not a database at all.
+    bool is_corruption() const;
+
+private:
+    int code_;
+};
+
+// The index file cannot be used: not a database, damaged, another program's database, or a
+// schema this build does not know. what() is one line naming the file and `--rebuild`.
+class IndexFileError : public std::runtime_error {
+public:
+    IndexFileError(const std::filesystem::path& path, const std::string& problem);
+};
+
+class Statement;
+
+// An open SQLite connection. Movable, not copyable; closes on destruction.
+class Database {
+public:
+    Database() = default;
+    Database(const std::filesystem::path& path, int flags);
+    ~Database();
+    Database(Database&& other) noexcept;
+    Database& operator=(Database&& other) noexcept;
+    Database(const Database&) = delete;
+    Database& operator=(const Database&) = delete;
+
+    sqlite3* handle() const { return db_; }
+    const std::filesystem::path& path() const { return path_; }
+    // Runs one or more statements without results.
+    void exec(std::string_view sql);
+    Statement prepare(std::string_view sql);
+    std::int64_t last_insert_rowid() const;
+    std::int64_t scalar_int(std::string_view sql);
+    [[noreturn]] void raise(int code) const;
+
+private:
+    sqlite3* db_ = nullptr;
+    std::filesystem::path path_;
+};
+
+// A prepared statement. Bind indexes are 1-based, column indexes 0-based.
+class Statement {
+public:
+    Statement() = default;
+    Statement(const Database& db, std::string_view sql);
+    ~Statement();
+    Statement(Statement&& other) noexcept;
+    Statement& operator=(Statement&& other) noexcept;
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+
+    Statement& bind(int index, std::int64_t value);
+    Statement& bind(int index, int value) { return bind(index, static_cast<std::int64_t>(value)); }
+    Statement& bind(int index, bool value) { return bind(index, static_cast<std::int64_t>(value)); }
+    Statement& bind(int index, double value);
+    // Text is bound as transient (copied by SQLite).
+    Statement& bind(int index, std::string_view value);
+    Statement& bind(int index, const char* value) { return bind(index, std::string_view(value)); }
+    Statement& bind(int index, const std::string& value) { return bind(index, std::string_view(value)); }
+    Statement& bind(int index, const std::optional<std::string>& value);
+    Statement& bind(int index, std::optional<std::int64_t> value);
+    Statement& bind_null(int index);
+
+    // Advances; true while a row is available.
+    bool step();
+    // Runs a statement without results to completion and resets it.
+    void run();
+    void reset();
+
+    std::int64_t column_int64(int index) const;
+    double column_double(int index) const;
+    bool column_is_null(int index) const;
+    // Valid until the next step/reset.
+    std::string_view column_text(int index) const;
+    std::string column_string(int index) const { return std::string(column_text(index)); }
+    std::optional<std::string> column_optional_text(int index) const;
+    std::optional<std::int64_t> column_optional_int64(int index) const;
+
+private:
+    const Database* db_ = nullptr;
+    sqlite3_stmt* stmt_ = nullptr;
+};
+
+// BEGIN IMMEDIATE on construction; rolls back on destruction unless committed.
+class Transaction {
+public:
+    explicit Transaction(Database& db);
+    ~Transaction();
+    Transaction(const Transaction&) = delete;
+    Transaction& operator=(const Transaction&) = delete;
+    void commit();
+
+private:
+    Database& db_;
+    bool open_ = true;
+};
+
+struct IndexOpenOptions {
+    bool read_only = false;  // readers: never creates, migrates or changes the file
+    bool rebuild = false;    // writers: delete whatever is at the path and start a new index
+};
+
+// Opens the index at `path`. A writer creates the file (and its directory) when missing,
+// initialises an empty database, migrates an older schema, sets WAL. Throws IndexFileError
+// for a file that is not a database, is damaged, belongs to another program, has a newer
+// schema, or (read-only) does not exist or is not initialised.
+Database open_index(const std::filesystem::path& path, const IndexOpenOptions& options = {});
+
+// Deletes the database file and its -wal, -shm and -journal companions, if present.
+void remove_index_files(const std::filesystem::path& path);
+
+// Reads and writes the `meta` table.
+std::optional<std::string> read_meta(Database& db, std::string_view key);
+void write_meta(Database& db, std::string_view key, std::string_view value);
+
+}  // namespace orvane_kestrix::storage

@@ -1,0 +1,131 @@
+// kestrix index: builds or refreshes the repository's index and prints a one-line summary.
+
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <iostream>
+
+#include <fmt/format.h>
+
+#include "command.hpp"
+#include "orvane_kestrix/indexer/index_builder.hpp"
+#include "orvane_kestrix/storage/sqlite_schema.hpp"
+
+namespace orvane_kestrix::app {
+
+namespace {
+
+std::atomic<bool> interrupted{false};
+
+void on_interrupt(int) { interrupted.store(true); }
+
+struct IndexArguments {
+    std::string repo = ".";
+    std::string db;
+    bool rebuild = false;
+    unsigned jobs = 0;
+    std::uint64_t max_file_size = 2 * 1024 * 1024;
+};
+
+// Redraws one status line on standard error, at most ten times a second.
+class ProgressBar {
+public:
+    void update(const indexer::IndexProgress& progress) {
+        const auto now = std::chrono::steady_clock::now();
+        const bool last = progress.total > 0 && progress.done == progress.total;
+        if (!last && now - drawn_ < std::chrono::milliseconds(100)) return;
+        drawn_ = now;
+        constexpr int kWidth = 30;
+        std::string line;
+        if (progress.total > 0) {
+            const int filled = static_cast<int>(kWidth * progress.done / progress.total);
+            line = fmt::format("\r[{}{}] {}/{} {}", std::string(static_cast<std::size_t>(filled), '#'),
+                               std::string(static_cast<std::size_t>(kWidth - filled), ' '), progress.done, progress.total,
+                               progress.phase);
+        } else {
+            line = fmt::format("\r{}...", progress.phase);
+        }
+        std::cerr << line << "\033[K" << std::flush;
+        shown_ = true;
+    }
+
+    void clear() {
+        if (shown_) std::cerr << "\r\033[K" << std::flush;
+        shown_ = false;
+    }
+
+private:
+    std::chrono::steady_clock::time_point drawn_{};
+    bool shown_ = false;
+};
+
+int run_index(const IndexArguments& arguments) {
+    std::error_code error;
+    if (!std::filesystem::is_directory(arguments.repo, error)) {
+        std::cerr << "kestrix index: " << arguments.repo << ": not a directory\n";
+        return 2;
+    }
+    indexer::IndexOptions options;
+    options.repo = arguments.repo;
+    if (!arguments.db.empty()) options.db = arguments.db;
+    options.rebuild = arguments.rebuild;
+    options.jobs = arguments.jobs;
+    options.max_file_size = arguments.max_file_size;
+    options.cancel = &interrupted;
+
+    ProgressBar bar;
+    if (isatty(STDERR_FILENO) != 0) {
+        options.on_progress = [&bar](const indexer::IndexProgress& progress) { bar.update(progress); };
+    }
+
+    interrupted.store(false);
+    struct sigaction action {};
+    action.sa_handler = on_interrupt;
+    sigemptyset(&action.sa_mask);
+    struct sigaction previous_int {};
+    struct sigaction previous_term {};
+    sigaction(SIGINT, &action, &previous_int);
+    sigaction(SIGTERM, &action, &previous_term);
+    struct Restore {
+        struct sigaction& int_action;
+        struct sigaction& term_action;
+        ~Restore() {
+            sigaction(SIGINT, &int_action, nullptr);
+            sigaction(SIGTERM, &term_action, nullptr);
+        }
+    } restore{previous_int, previous_term};
+
+    try {
+        const indexer::IndexStats stats = indexer::IndexBuilder(options).run();
+        bar.clear();
+        std::cout << stats.summary() << std::endl;
+        return stats.cancelled ? 130 : 0;
+    } catch (const storage::IndexFileError& e) {
+        bar.clear();
+        std::cerr << "kestrix index: " << e.what() << '\n';
+        return 1;
+    } catch (const std::exception& e) {
+        bar.clear();
+        std::cerr << "kestrix index: " << e.what() << '\n';
+        return 1;
+    }
+}
+
+const CommandRegistrar registrar([](CLI::App& app, int& exit_code) {
+    auto* command = app.add_subcommand("index", "Build or refresh the index of a repository");
+    auto arguments = std::make_shared<IndexArguments>();
+    command->add_option("--repo", arguments->repo, "the repository's root directory")->capture_default_str();
+    command->add_option("--db", arguments->db, "the index file (default: REPO/.kestrix/index.db)");
+    command->add_flag("--rebuild", arguments->rebuild, "delete the index file and index from scratch");
+    command->add_option("--jobs", arguments->jobs, "parser threads (default: one per core)")->check(CLI::NonNegativeNumber);
+    command->add_option("--max-file-size", arguments->max_file_size, "skip files larger than this many bytes")
+        ->capture_default_str();
+    command->callback([arguments, &exit_code] { exit_code = run_index(*arguments); });
+});
+
+}  // namespace
+
+}  // namespace orvane_kestrix::app

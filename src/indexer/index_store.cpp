@@ -1,0 +1,301 @@
+#include "orvane_kestrix/indexer/index_store.hpp"
+
+#include <algorithm>
+#include <array>
+
+namespace orvane_kestrix::indexer {
+
+using storage::Statement;
+
+namespace {
+
+constexpr std::array kAllLanguages = {
+    Language::python, Language::javascript, Language::typescript, Language::tsx,      Language::go,
+    Language::rust,   Language::java,       Language::c,          Language::cpp,      Language::markdown,
+    Language::json,   Language::yaml,       Language::toml,
+};
+
+}  // namespace
+
+std::optional<Language> language_from_name(std::string_view name) {
+    for (Language language : kAllLanguages) {
+        if (language_name(language) == name) return language;
+    }
+    return std::nullopt;
+}
+
+IndexStore::IndexStore(storage::Database& db)
+    : db_(db),
+      insert_file_(db, "INSERT INTO files(path, language, is_test, is_source, component_id, content_hash, size, "
+                       "mtime_ns, module_name, has_syntax_errors) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"),
+      update_file_(db, "UPDATE files SET language = ?2, is_test = ?3, is_source = ?4, component_id = ?5, "
+                       "content_hash = ?6, size = ?7, mtime_ns = ?8, module_name = ?9, has_syntax_errors = ?10 "
+                       "WHERE id = ?1"),
+      insert_symbol_(db, "INSERT INTO symbols(file_id, parent_id, name, fqn, kind, start_line, end_line, signature, "
+                         "docstring, docstring_truncated, is_export, token_count) "
+                         "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"),
+      set_parent_(db, "UPDATE symbols SET parent_id = ? WHERE id = ?"),
+      insert_ref_(db, "INSERT INTO refs(file_id, caller_id, name, qualifier, usage_type, line, context) "
+                      "VALUES (?, ?, ?, ?, ?, ?, ?)"),
+      insert_import_(db, "INSERT INTO imports(file_id, module, name, alias, line) VALUES (?, ?, ?, ?, ?)"),
+      delete_edges_of_file_(db, "DELETE FROM ref_targets WHERE symbol_id IN (SELECT id FROM symbols WHERE file_id = ?)"),
+      delete_symbols_(db, "DELETE FROM symbols WHERE file_id = ?"),
+      delete_refs_(db, "DELETE FROM refs WHERE file_id = ?"),
+      delete_imports_(db, "DELETE FROM imports WHERE file_id = ?"),
+      update_stat_(db, "UPDATE files SET size = ?, mtime_ns = ? WHERE id = ?"),
+      update_facts_(db, "UPDATE files SET is_test = ?, is_source = ?, component_id = ? WHERE id = ?"),
+      insert_component_(db, "INSERT INTO components(name) VALUES (?)") {
+    Statement components(db_, "SELECT id, name FROM components");
+    while (components.step()) components_[components.column_string(1)] = components.column_int64(0);
+}
+
+std::unordered_map<std::string, StoredFile> IndexStore::load_files() {
+    std::unordered_map<std::string, StoredFile> files;
+    Statement statement(db_,
+                        "SELECT f.id, f.path, f.language, f.is_test, f.is_source, coalesce(c.name, ''), f.content_hash, "
+                        "f.size, f.mtime_ns FROM files f LEFT JOIN components c ON c.id = f.component_id");
+    while (statement.step()) {
+        StoredFile file;
+        file.id = statement.column_int64(0);
+        file.language = statement.column_string(2);
+        file.is_test = statement.column_int64(3) != 0;
+        file.is_source = statement.column_int64(4) != 0;
+        file.component = statement.column_string(5);
+        file.content_hash = statement.column_string(6);
+        file.size = statement.column_int64(7);
+        file.mtime_ns = statement.column_int64(8);
+        files.emplace(statement.column_string(1), std::move(file));
+    }
+    return files;
+}
+
+std::int64_t IndexStore::component_id(const std::string& name) {
+    if (auto it = components_.find(name); it != components_.end()) return it->second;
+    insert_component_.bind(1, name);
+    insert_component_.run();
+    const std::int64_t id = db_.last_insert_rowid();
+    components_[name] = id;
+    return id;
+}
+
+void IndexStore::delete_contents(std::int64_t file_id) {
+    // Edges of this file's references to other files stay until the refresh recomputes them;
+    // reference and symbol ids are never reused, so they cannot be mistaken for new ones.
+    delete_edges_of_file_.bind(1, file_id);
+    delete_edges_of_file_.run();
+    delete_symbols_.bind(1, file_id);
+    delete_symbols_.run();
+    delete_refs_.bind(1, file_id);
+    delete_refs_.run();
+    delete_imports_.bind(1, file_id);
+    delete_imports_.run();
+}
+
+std::int64_t IndexStore::write_parsed(const ParsedFile& file, std::optional<std::int64_t> existing_id) {
+    const FileFacts& facts = file.facts;
+    const FileExtraction& extraction = file.extraction;
+    std::int64_t file_id = 0;
+    Statement& statement = existing_id ? update_file_ : insert_file_;
+    if (existing_id) {
+        delete_contents(*existing_id);
+        statement.bind(1, *existing_id);
+    } else {
+        statement.bind(1, facts.path);
+    }
+    statement.bind(2, language_name(facts.language))
+        .bind(3, facts.is_test)
+        .bind(4, facts.is_source)
+        .bind(5, component_id(facts.component))
+        .bind(6, facts.content_hash)
+        .bind(7, facts.size)
+        .bind(8, facts.mtime_ns)
+        .bind(9, extraction.module_name)
+        .bind(10, extraction.has_syntax_errors);
+    statement.run();
+    file_id = existing_id ? *existing_id : db_.last_insert_rowid();
+
+    std::vector<std::int64_t> symbol_ids(extraction.symbols.size(), 0);
+    std::vector<std::pair<std::int64_t, std::size_t>> late_parents;
+    for (std::size_t i = 0; i < extraction.symbols.size(); ++i) {
+        const ExtractedSymbol& symbol = extraction.symbols[i];
+        std::optional<std::int64_t> parent;
+        if (symbol.parent && *symbol.parent < i) parent = symbol_ids[*symbol.parent];
+        insert_symbol_.bind(1, file_id)
+            .bind(2, parent)
+            .bind(3, symbol.name)
+            .bind(4, symbol.fqn)
+            .bind(5, symbol.kind)
+            .bind(6, symbol.start_line)
+            .bind(7, symbol.end_line)
+            .bind(8, symbol.signature)
+            .bind(9, symbol.docstring)
+            .bind(10, symbol.docstring_truncated)
+            .bind(11, symbol.is_export)
+            .bind(12, i < file.token_counts.size() ? file.token_counts[i] : std::int64_t{0});
+        insert_symbol_.run();
+        symbol_ids[i] = db_.last_insert_rowid();
+        if (symbol.parent && *symbol.parent >= i && *symbol.parent < extraction.symbols.size() && *symbol.parent != i) {
+            late_parents.emplace_back(symbol_ids[i], *symbol.parent);
+        }
+    }
+    for (const auto& [id, parent] : late_parents) {
+        set_parent_.bind(1, symbol_ids[parent]).bind(2, id);
+        set_parent_.run();
+    }
+
+    for (const ExtractedReference& ref : extraction.references) {
+        std::optional<std::int64_t> caller;
+        if (ref.caller && *ref.caller < symbol_ids.size()) caller = symbol_ids[*ref.caller];
+        insert_ref_.bind(1, file_id)
+            .bind(2, caller)
+            .bind(3, ref.name)
+            .bind(4, ref.qualifier)
+            .bind(5, ref.usage_type)
+            .bind(6, ref.line)
+            .bind(7, ref.context);
+        insert_ref_.run();
+    }
+
+    for (const ExtractedImport& import : extraction.imports) {
+        auto write = [&](const std::optional<std::string>& name) {
+            insert_import_.bind(1, file_id).bind(2, import.module).bind(3, name).bind(4, import.alias).bind(5, import.line);
+            insert_import_.run();
+        };
+        if (import.names.empty()) {
+            write(std::nullopt);
+        } else {
+            for (const auto& name : import.names) write(name);
+        }
+    }
+    return file_id;
+}
+
+void IndexStore::update_stat(std::int64_t file_id, std::int64_t size, std::int64_t mtime_ns) {
+    update_stat_.bind(1, size).bind(2, mtime_ns).bind(3, file_id);
+    update_stat_.run();
+}
+
+void IndexStore::update_facts(std::int64_t file_id, const FileFacts& facts) {
+    update_facts_.bind(1, facts.is_test).bind(2, facts.is_source).bind(3, component_id(facts.component)).bind(4, file_id);
+    update_facts_.run();
+}
+
+void IndexStore::delete_file(std::int64_t file_id) {
+    delete_contents(file_id);
+    Statement tests(db_, "DELETE FROM covering_tests WHERE source_file_id = ?1 OR test_file_id = ?1");
+    tests.bind(1, file_id);
+    tests.run();
+    Statement file(db_, "DELETE FROM files WHERE id = ?");
+    file.bind(1, file_id);
+    file.run();
+}
+
+void IndexStore::prune_components() {
+    db_.exec("DELETE FROM components WHERE id NOT IN (SELECT component_id FROM files WHERE component_id IS NOT NULL)");
+    components_.clear();
+    Statement components(db_, "SELECT id, name FROM components");
+    while (components.step()) components_[components.column_string(1)] = components.column_int64(0);
+}
+
+IndexSnapshot IndexStore::load_snapshot() {
+    IndexSnapshot snapshot;
+    {
+        Statement statement(db_, "SELECT id, path, language, is_test, is_source, module_name FROM files ORDER BY id");
+        while (statement.step()) {
+            const auto language = language_from_name(statement.column_text(2));
+            if (!language) continue;
+            snapshot.files.push_back({statement.column_int64(0), statement.column_string(1), *language,
+                                      statement.column_int64(3) != 0, statement.column_int64(4) != 0,
+                                      statement.column_string(5)});
+        }
+    }
+    {
+        Statement statement(db_, "SELECT id, file_id, name, fqn, kind FROM symbols ORDER BY id");
+        while (statement.step()) {
+            snapshot.symbols.push_back({statement.column_int64(0), statement.column_int64(1), statement.column_string(2),
+                                        statement.column_string(3), statement.column_string(4)});
+        }
+    }
+    {
+        Statement statement(db_, "SELECT file_id, module, name, alias FROM imports ORDER BY id");
+        while (statement.step()) {
+            snapshot.imports.push_back({statement.column_int64(0), statement.column_string(1),
+                                        statement.column_optional_text(2), statement.column_optional_text(3)});
+        }
+    }
+    {
+        Statement statement(db_, "SELECT id, file_id, name, qualifier, usage_type FROM refs ORDER BY id");
+        while (statement.step()) {
+            snapshot.references.push_back({statement.column_int64(0), statement.column_int64(1), statement.column_string(2),
+                                           statement.column_string(3), statement.column_string(4)});
+        }
+    }
+    return snapshot;
+}
+
+RefreshCounts IndexStore::write_derived(const DerivedData& derived) {
+    RefreshCounts counts;
+
+    // Reference edges: both sides sorted by (symbol, reference), so one merge gives the change.
+    std::vector<ReferenceEdge> stored;
+    {
+        Statement statement(db_, "SELECT symbol_id, ref_id FROM ref_targets ORDER BY symbol_id, ref_id");
+        while (statement.step()) stored.push_back({statement.column_int64(0), statement.column_int64(1)});
+    }
+    {
+        Statement remove(db_, "DELETE FROM ref_targets WHERE symbol_id = ? AND ref_id = ?");
+        Statement add(db_, "INSERT INTO ref_targets(symbol_id, ref_id) VALUES (?, ?)");
+        std::size_t i = 0;
+        std::size_t j = 0;
+        while (i < stored.size() || j < derived.edges.size()) {
+            if (j == derived.edges.size() || (i < stored.size() && stored[i] < derived.edges[j])) {
+                remove.bind(1, stored[i].symbol_id).bind(2, stored[i].reference_id);
+                remove.run();
+                ++counts.edges_removed;
+                ++i;
+            } else if (i == stored.size() || derived.edges[j] < stored[i]) {
+                add.bind(1, derived.edges[j].symbol_id).bind(2, derived.edges[j].reference_id);
+                add.run();
+                ++counts.edges_added;
+                ++j;
+            } else {
+                ++i;
+                ++j;
+            }
+        }
+    }
+
+    // Fan-in: only the symbols whose count changed.
+    {
+        std::vector<std::pair<std::int64_t, std::int64_t>> changes;
+        Statement statement(db_, "SELECT id, production_fan_in FROM symbols");
+        while (statement.step()) {
+            const std::int64_t id = statement.column_int64(0);
+            const auto it = derived.fan_in.find(id);
+            const std::int64_t fan_in = it == derived.fan_in.end() ? 0 : it->second;
+            if (fan_in != statement.column_int64(1)) changes.emplace_back(id, fan_in);
+        }
+        Statement update(db_, "UPDATE symbols SET production_fan_in = ? WHERE id = ?");
+        for (const auto& [id, fan_in] : changes) {
+            update.bind(1, fan_in).bind(2, id);
+            update.run();
+        }
+        counts.fan_in_updates = static_cast<std::int64_t>(changes.size());
+    }
+
+    // Covering tests: few rows; replaced whole.
+    db_.exec("DELETE FROM covering_tests");
+    Statement insert(db_, "INSERT INTO covering_tests(source_file_id, test_file_id, rank, used_symbols) VALUES (?, ?, ?, ?)");
+    for (const auto& row : derived.covering_tests) {
+        insert.bind(1, row.source_file_id).bind(2, row.test_file_id).bind(3, row.rank).bind(4, row.used_symbols);
+        insert.run();
+    }
+    counts.covering_tests = static_cast<std::int64_t>(derived.covering_tests.size());
+    return counts;
+}
+
+std::int64_t IndexStore::count_files() { return db_.scalar_int("SELECT count(*) FROM files"); }
+std::int64_t IndexStore::count_symbols() { return db_.scalar_int("SELECT count(*) FROM symbols"); }
+std::int64_t IndexStore::count_references() { return db_.scalar_int("SELECT count(*) FROM refs"); }
+
+}  // namespace orvane_kestrix::indexer

@@ -1,0 +1,755 @@
+#include "orvane_kestrix/indexer/resolution.hpp"
+
+#include <algorithm>
+#include <cctype>
+#include <map>
+#include <regex>
+#include <set>
+#include <string_view>
+#include <unordered_set>
+
+#include "orvane_kestrix/indexer/file_classification.hpp"
+
+namespace orvane_kestrix::indexer {
+
+namespace {
+
+using Index = std::size_t;
+using FileList = std::vector<Index>;
+
+std::string_view directory_of(std::string_view path) {
+    const auto slash = path.rfind('/');
+    return slash == std::string_view::npos ? std::string_view() : path.substr(0, slash);
+}
+
+std::string_view file_name_of(std::string_view path) {
+    const auto slash = path.rfind('/');
+    return slash == std::string_view::npos ? path : path.substr(slash + 1);
+}
+
+std::string_view without_extension(std::string_view name) {
+    const auto dot = name.rfind('.');
+    return dot == std::string_view::npos || dot == 0 ? name : name.substr(0, dot);
+}
+
+std::vector<std::string> split(std::string_view text, std::string_view separators) {
+    std::vector<std::string> parts;
+    std::string current;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text.compare(i, 2, "::") == 0) {
+            parts.push_back(std::move(current));
+            current.clear();
+            ++i;
+        } else if (separators.find(text[i]) != std::string_view::npos) {
+            parts.push_back(std::move(current));
+            current.clear();
+        } else {
+            current.push_back(text[i]);
+        }
+    }
+    parts.push_back(std::move(current));
+    return parts;
+}
+
+std::string join(const std::vector<std::string>& parts, std::size_t count, char separator = '/') {
+    std::string out;
+    for (std::size_t i = 0; i < count && i < parts.size(); ++i) {
+        if (parts[i].empty()) continue;
+        if (!out.empty()) out.push_back(separator);
+        out += parts[i];
+    }
+    return out;
+}
+
+// `base` joined with the "/"-separated `relative`, "." and ".." folded; absent when it climbs
+// out of the repository.
+std::optional<std::string> join_path(std::string_view base, std::string_view relative) {
+    std::vector<std::string> parts = base.empty() ? std::vector<std::string>{} : split(base, "/");
+    for (auto& part : split(relative, "/")) {
+        if (part.empty() || part == ".") continue;
+        if (part == "..") {
+            if (parts.empty()) return std::nullopt;
+            parts.pop_back();
+        } else {
+            parts.push_back(std::move(part));
+        }
+    }
+    return join(parts, parts.size());
+}
+
+// File names that stand for their directory as a module.
+bool is_package_file(std::string_view stem, Language language) {
+    switch (language) {
+        case Language::python:
+            return stem == "__init__";
+        case Language::javascript:
+        case Language::typescript:
+        case Language::tsx:
+            return stem == "index";
+        case Language::rust:
+            return stem == "mod" || stem == "lib" || stem == "main";
+        default:
+            return false;
+    }
+}
+
+bool is_header(std::string_view path) {
+    const std::string_view name = file_name_of(path);
+    const auto dot = name.rfind('.');
+    if (dot == std::string_view::npos) return false;
+    const std::string_view ext = name.substr(dot + 1);
+    return ext == "h" || ext == "hh" || ext == "hpp" || ext == "hxx" || ext == "h++";
+}
+
+bool is_self_qualifier(std::string_view qualifier) {
+    return qualifier == "self" || qualifier == "this" || qualifier == "cls" || qualifier == "super" ||
+           qualifier == "Self";
+}
+
+struct PairHash {
+    std::size_t operator()(const std::pair<Index, std::string_view>& key) const {
+        return std::hash<std::string_view>()(key.second) * 31 + key.first;
+    }
+};
+struct FamilyHash {
+    std::size_t operator()(const std::pair<int, std::string_view>& key) const {
+        return std::hash<std::string_view>()(key.second) * 31 + static_cast<std::size_t>(key.first);
+    }
+};
+
+bool is_type_usage(std::string_view usage) {
+    return usage == "type" || usage == "inherit" || usage == "implement" || usage == "extends";
+}
+
+bool is_type_kind(std::string_view kind) {
+    return kind == "class" || kind == "struct" || kind == "interface" || kind == "trait" || kind == "enum" ||
+           kind == "type" || kind == "union" || kind == "typedef" || kind == "namespace" || kind == "module" ||
+           kind == "protocol" || kind == "record";
+}
+
+bool is_member_kind(std::string_view kind) {
+    return kind == "method" || kind == "field" || kind == "property" || kind == "constructor";
+}
+
+// Languages where code inside a class reaches its members by bare name.
+bool reaches_members_without_receiver(Language language) {
+    return language == Language::java || language == Language::c || language == Language::cpp;
+}
+
+enum class QualifierKind { none, value, type_path };
+
+// Which definitions fit a reference, by how it was written.
+struct Filter {
+    bool type_use = false;
+    QualifierKind qualifier = QualifierKind::none;
+    std::string type_name;           // for type_path: the qualifier's last part
+    bool bare_is_no_member = false;  // a bare name cannot mean a member here
+
+    bool accepts(const SnapshotSymbol& symbol, std::string_view name) const {
+        if (type_use && !is_type_kind(symbol.kind)) return false;
+        switch (qualifier) {
+            case QualifierKind::none:
+                return !(bare_is_no_member && is_member_kind(symbol.kind));
+            case QualifierKind::value:
+                return type_use || is_member_kind(symbol.kind);
+            case QualifierKind::type_path: {
+                // "Type.name": a definition whose qualified name ends with it.
+                const std::string_view fqn = symbol.fqn;
+                const std::size_t tail = type_name.size() + 1 + name.size();
+                if (fqn.size() < tail || !fqn.ends_with(name)) return false;
+                const std::string_view owner = fqn.substr(fqn.size() - tail, type_name.size());
+                if (owner != type_name || fqn[fqn.size() - name.size() - 1] != '.') return false;
+                return fqn.size() == tail || fqn[fqn.size() - tail - 1] == '.';
+            }
+        }
+        return true;
+    }
+};
+
+// One import of a file, its module resolved to files of the index.
+struct Binding {
+    FileList files;                      // the module's files (after any member was split off)
+    std::optional<std::string> member;   // the module path's last part, when it named an item
+    std::optional<std::string> name;     // imported name; absent for the module itself
+    std::string key;                     // what the file's code calls it
+    std::string module_raw;              // the module as written
+    std::string module_key;              // the module as written, "::" and "/" as "."
+    std::string module_last;             // the module path's last part
+};
+
+class Resolver {
+public:
+    explicit Resolver(const IndexSnapshot& snapshot) : s_(snapshot) {
+        build_file_indexes();
+        build_symbol_indexes();
+        bindings_.resize(s_.files.size());
+        bindings_ready_.assign(s_.files.size(), false);
+        for (const auto& import : s_.imports) {
+            if (auto it = file_index_.find(import.file_id); it != file_index_.end()) imports_of_[it->second].push_back(&import);
+        }
+    }
+
+    std::vector<std::int64_t> resolve(const SnapshotReference& ref) {
+        std::vector<std::int64_t> out;
+        const auto it = file_index_.find(ref.file_id);
+        if (it == file_index_.end() || ref.name.empty()) return out;
+        const Index file = it->second;
+        const Language language = s_.files[file].language;
+        const auto& bindings = bindings_of(file);
+        std::string qualifier = ref.qualifier;
+        const bool path_qualifier = qualifier.find("::") != std::string::npos;
+        for (std::size_t pos; (pos = qualifier.find("::")) != std::string::npos;) qualifier.replace(pos, 2, ".");
+        for (std::size_t pos; (pos = qualifier.find("->")) != std::string::npos;) qualifier.replace(pos, 2, ".");
+        const std::string head = qualifier.substr(0, qualifier.find('.'));
+
+        Filter fit;
+        fit.type_use = is_type_usage(ref.usage_type);
+        if (qualifier.empty()) {
+            fit.qualifier = QualifierKind::none;
+        } else if (is_self_qualifier(qualifier)) {
+            fit.qualifier = QualifierKind::value;
+        } else {
+            const auto dot = qualifier.rfind('.');
+            fit.type_name = dot == std::string::npos ? qualifier : qualifier.substr(dot + 1);
+            const bool upper = !fit.type_name.empty() && std::isupper(static_cast<unsigned char>(fit.type_name[0])) != 0;
+            fit.qualifier = path_qualifier || upper ? QualifierKind::type_path : QualifierKind::value;
+        }
+        Filter module_fit;  // a name in a module: any definition of a fitting kind
+        module_fit.type_use = fit.type_use;
+
+        // 1. A qualifier naming an imported module, an imported name, or a module in full.
+        if (fit.qualifier != QualifierKind::none && !is_self_qualifier(qualifier)) {
+            for (const auto& binding : bindings) {
+                if (binding.name) continue;
+                if (qualifier == binding.key || qualifier == binding.module_key || qualifier == binding.module_last) {
+                    add_symbols(binding.files, ref.name, out, 2, module_fit);
+                }
+            }
+            if (!out.empty()) return finish(out);
+            for (const auto& binding : bindings) {
+                if (!binding.name || head != binding.key) continue;
+                // A member of an imported class or namespace, or a submodule imported by name.
+                add_symbols(binding.files, ref.name, out, 2, fit);
+                if (out.empty()) add_symbols(resolve_submodule(file, binding, *binding.name), ref.name, out, 1, module_fit);
+            }
+            if (!out.empty()) return finish(out);
+            if (qualifier.find('.') != std::string::npos) {
+                // A module written out ("pkg.mod.func"), or a class in one ("pkg.mod.Class.method").
+                auto target = resolve_module(file, ref.qualifier);
+                add_symbols(target.files, ref.name, out, 1, target.member ? fit : module_fit);
+                if (!out.empty()) return finish(out);
+            }
+        }
+
+        // 2. The reference's own file.
+        add_symbols({file}, ref.name, out, 0, fit);
+        if (!out.empty()) return finish(out);
+
+        // 3. The other files of the same Go or Java package.
+        if (language == Language::go || language == Language::java) {
+            if (auto dir = dir_files_.find(std::string(directory_of(s_.files[file].path))); dir != dir_files_.end()) {
+                FileList same;
+                for (Index other : dir->second) {
+                    if (other != file && s_.files[other].language == language) same.push_back(other);
+                }
+                add_symbols(same, ref.name, out, 0, fit);
+                if (!out.empty()) return finish(out);
+            }
+        }
+
+        // 4. The modules the file imports: a name imported by name, then modules imported
+        //    whole, then members reached through a value (`obj.name`) in any imported module.
+        Filter outside = fit;
+        outside.bare_is_no_member = !reaches_members_without_receiver(language);
+        if (fit.qualifier == QualifierKind::none) {
+            for (const auto& binding : bindings) {
+                if (binding.name && (binding.key == ref.name || *binding.name == ref.name) && *binding.name != "*") {
+                    add_symbols(binding.files, *binding.name, out, 2, module_fit);
+                }
+            }
+            if (!out.empty()) return finish(out);
+            for (const auto& binding : bindings) {
+                if (binding.name && *binding.name != "*") continue;
+                add_symbols(binding.files, ref.name, out, 1, outside);
+            }
+            if (!out.empty()) return finish(out);
+        } else {
+            for (const auto& binding : bindings) add_symbols(binding.files, ref.name, out, 1, fit);
+            if (!out.empty()) return finish(out);
+        }
+
+        // 5. A name defined once among the source files of the language family.
+        const auto unique = by_family_name_.find({language_family(language), ref.name});
+        if (unique != by_family_name_.end()) {
+            std::int64_t found = 0;
+            int matches = 0;
+            for (Index symbol : unique->second) {
+                if (!outside.accepts(s_.symbols[symbol], ref.name)) continue;
+                found = s_.symbols[symbol].id;
+                ++matches;
+            }
+            if (matches == 1) out.push_back(found);
+        }
+        return finish(out);
+    }
+
+    // The files that `file`'s imports lead to (for covering tests).
+    FileList imported_files(Index file) {
+        FileList out;
+        for (const auto& binding : bindings_of(file)) {
+            out.insert(out.end(), binding.files.begin(), binding.files.end());
+            if (binding.name && binding.files.empty()) {
+                auto submodule = resolve_submodule(file, binding, *binding.name);
+                out.insert(out.end(), submodule.begin(), submodule.end());
+            }
+        }
+        std::sort(out.begin(), out.end());
+        out.erase(std::unique(out.begin(), out.end()), out.end());
+        return out;
+    }
+
+    Index index_of_file(std::int64_t id) const { return file_index_.at(id); }
+    bool has_file(std::int64_t id) const { return file_index_.count(id) > 0; }
+
+private:
+    static std::vector<std::int64_t> finish(std::vector<std::int64_t>& out) {
+        std::sort(out.begin(), out.end());
+        out.erase(std::unique(out.begin(), out.end()), out.end());
+        return std::move(out);
+    }
+
+    void build_file_indexes() {
+        for (Index i = 0; i < s_.files.size(); ++i) {
+            const auto& file = s_.files[i];
+            file_index_[file.id] = i;
+            const std::string_view dir = directory_of(file.path);
+            dir_files_[std::string(dir)].push_back(i);
+            exact_path_[file.path].push_back(i);
+
+            const std::string_view stem = without_extension(file_name_of(file.path));
+            std::string no_ext = dir.empty() ? std::string(stem) : std::string(dir) + "/" + std::string(stem);
+            register_suffixes(suffix_no_ext_, no_ext, i);
+            path_no_ext_[no_ext].push_back(i);
+            if (is_package_file(stem, file.language)) {
+                path_no_ext_[std::string(dir)].push_back(i);
+                if (!dir.empty()) register_suffixes(suffix_no_ext_, std::string(dir), i);
+            }
+            if (language_family(file.language) == language_family(Language::c)) {
+                register_suffixes(suffix_with_ext_, file.path, i);
+                c_stem_files_[std::string(stem)].push_back(i);
+            }
+            if (!file.module_name.empty()) {
+                module_exact_[join(split(file.module_name, "./"), 1000)].push_back(i);
+            }
+        }
+    }
+
+    static void register_suffixes(std::unordered_map<std::string, FileList>& map, const std::string& path, Index file) {
+        std::size_t pos = 0;
+        for (;;) {
+            map[path.substr(pos)].push_back(file);
+            const auto slash = path.find('/', pos);
+            if (slash == std::string::npos) break;
+            pos = slash + 1;
+        }
+    }
+
+    void build_symbol_indexes() {
+        for (Index i = 0; i < s_.symbols.size(); ++i) {
+            const auto& symbol = s_.symbols[i];
+            const auto it = file_index_.find(symbol.file_id);
+            if (it == file_index_.end() || !s_.files[it->second].is_source || symbol.name.empty()) continue;
+            by_file_name_[{it->second, symbol.name}].push_back(i);
+            by_family_name_[{language_family(s_.files[it->second].language), symbol.name}].push_back(i);
+        }
+    }
+
+    // Symbols named `name` in `files` that fit; when a file has none, follows its imports of
+    // that name (re-exports such as __init__.py, index.js or `pub use`) up to `depth` levels.
+    void add_symbols(const FileList& files, const std::string& name, std::vector<std::int64_t>& out, int depth,
+                     const Filter& fit) {
+        for (Index file : files) {
+            bool found = false;
+            if (const auto it = by_file_name_.find({file, name}); it != by_file_name_.end()) {
+                for (Index symbol : it->second) {
+                    if (!fit.accepts(s_.symbols[symbol], name)) continue;
+                    out.push_back(s_.symbols[symbol].id);
+                    found = true;
+                }
+            }
+            if (found || depth <= 0) continue;
+            for (const auto& binding : bindings_of(file)) {
+                if (binding.name && (binding.key == name || *binding.name == "*")) {
+                    add_symbols(binding.files, binding.key == name ? *binding.name : name, out, depth - 1, fit);
+                }
+            }
+        }
+    }
+
+    // `from pkg import mod`: the module pkg.mod, when `name` is a module rather than an item.
+    FileList resolve_submodule(Index file, const Binding& binding, const std::string& name) {
+        const Language language = s_.files[file].language;
+        std::string separator = ".";
+        if (language == Language::rust) separator = "::";
+        if (language == Language::go || language_family(language) == language_family(Language::javascript)) separator = "/";
+        const std::string& module = binding.module_raw;
+        const bool bare = module.empty() || module.ends_with(separator) || (language == Language::python && module.back() == '.');
+        auto target = resolve_module(file, module + (bare ? "" : separator) + name);
+        return target.member ? FileList{} : target.files;
+    }
+
+    struct ModuleTarget {
+        FileList files;
+        std::optional<std::string> member;
+    };
+
+    // The files a module string names, as seen from `file`.
+    ModuleTarget resolve_module(Index file, const std::string& module) {
+        const auto& from = s_.files[file];
+        const std::string_view dir = directory_of(from.path);
+        const Language language = from.language;
+        ModuleTarget target;
+        if (module.empty()) return target;
+
+        if (language_family(language) == language_family(Language::c)) {
+            if (auto joined = join_path(dir, module)) {
+                if (auto it = exact_path_.find(*joined); it != exact_path_.end()) target.files = it->second;
+            }
+            if (target.files.empty()) {
+                if (auto it = suffix_with_ext_.find(module); it != suffix_with_ext_.end()) target.files = it->second;
+            }
+            // A header's definitions live in the sources of the same name.
+            FileList with_sources = target.files;
+            for (Index header : target.files) {
+                if (!is_header(s_.files[header].path)) continue;
+                const std::string stem(without_extension(file_name_of(s_.files[header].path)));
+                if (auto it = c_stem_files_.find(stem); it != c_stem_files_.end()) {
+                    for (Index source : it->second) {
+                        if (!is_header(s_.files[source].path)) with_sources.push_back(source);
+                    }
+                }
+            }
+            target.files = std::move(with_sources);
+            return target;
+        }
+
+        const bool js = language_family(language) == language_family(Language::javascript);
+        if (js && (module.starts_with("./") || module.starts_with("../") || module == "." || module == "..")) {
+            auto joined = join_path(dir, module);
+            if (!joined) return target;
+            if (auto it = exact_path_.find(*joined); it != exact_path_.end()) {
+                target.files = it->second;
+                return target;
+            }
+            std::string no_ext = *joined;
+            for (std::string_view ext : {".js", ".jsx", ".ts", ".tsx", ".mjs", ".cjs"}) {
+                if (no_ext.ends_with(ext)) {
+                    no_ext.resize(no_ext.size() - ext.size());
+                    break;
+                }
+            }
+            if (auto it = path_no_ext_.find(no_ext); it != path_no_ext_.end()) target.files = it->second;
+            return target;
+        }
+
+        std::vector<std::string> parts;
+        std::string base;  // directory the parts start from, when the module is relative
+        bool relative = false;
+        if (language == Language::python && module.starts_with('.')) {
+            std::size_t dots = 0;
+            while (dots < module.size() && module[dots] == '.') ++dots;
+            std::string up(dir);
+            for (std::size_t i = 1; i < dots; ++i) {
+                auto parent = join_path(up, "..");
+                if (!parent) return target;
+                up = *parent;
+            }
+            base = up;
+            relative = true;
+            parts = split(std::string_view(module).substr(dots), ".");
+        } else if (language == Language::rust) {
+            parts = split(module, "");
+            if (!parts.empty() && parts[0] == "crate") {
+                base = crate_root(from.path);
+                relative = true;
+                parts.erase(parts.begin());
+            } else if (!parts.empty() && (parts[0] == "self" || parts[0] == "super")) {
+                std::string_view stem = without_extension(file_name_of(from.path));
+                std::string module_dir = is_package_file(stem, language) ? std::string(dir)
+                                                                 : (dir.empty() ? std::string(stem) : std::string(dir) + "/" + std::string(stem));
+                while (!parts.empty() && (parts[0] == "self" || parts[0] == "super")) {
+                    if (parts[0] == "super") module_dir = std::string(directory_of(module_dir));
+                    parts.erase(parts.begin());
+                }
+                base = module_dir;
+                relative = true;
+            }
+        } else if (js) {
+            return target;  // a package from outside the repository
+        } else if (language == Language::go) {
+            parts = split(module, "/");
+        } else {
+            parts = split(module, ".");
+        }
+        std::erase_if(parts, [](const std::string& part) { return part.empty(); });
+        if (!parts.empty() && parts.back() == "*") parts.pop_back();
+
+        if (!relative) {
+            // A module path that starts with a package's own name (Go module, Rust crate).
+            for (const auto& package : packages_) {
+                if (package.parts.empty() || package.parts.size() > parts.size()) continue;
+                if (!std::equal(package.parts.begin(), package.parts.end(), parts.begin())) continue;
+                base = package.directory;
+                relative = true;
+                parts.erase(parts.begin(), parts.begin() + static_cast<std::ptrdiff_t>(package.parts.size()));
+                break;
+            }
+        }
+
+        // Go imports name a directory (a package).
+        if (language == Language::go) {
+            const std::string joined = join(parts, parts.size());
+            const std::string path = relative ? (base.empty() ? joined : (joined.empty() ? base : base + "/" + joined)) : joined;
+            if (auto it = dir_files_.find(path); relative && it != dir_files_.end()) {
+                for (Index f : it->second) {
+                    if (s_.files[f].language == Language::go) target.files.push_back(f);
+                }
+            }
+            return target;
+        }
+
+        // Try the whole path as a module, then shorter paths with the rest as an item (at most
+        // two parts: `a.mod.Class.member`; a lone first part of a longer path is no evidence).
+        const std::size_t shortest = relative ? 0 : (parts.size() > 1 ? std::max<std::size_t>(2, parts.size() - 2) : 1);
+        for (std::size_t count = parts.size(); count >= shortest && count <= parts.size(); --count) {
+            const std::string joined = join(parts, count);
+            const FileList* found = nullptr;
+            if (relative) {
+                const std::string path = base.empty() ? joined : (joined.empty() ? base : base + "/" + joined);
+                if (auto it = path_no_ext_.find(path); it != path_no_ext_.end()) found = &it->second;
+            } else {
+                if (auto it = module_exact_.find(joined); it != module_exact_.end()) {
+                    found = &it->second;
+                } else if (auto suffix = suffix_no_ext_.find(joined); suffix != suffix_no_ext_.end()) {
+                    found = &suffix->second;
+                }
+            }
+            if (found != nullptr) {
+                target.files = *found;
+                if (count < parts.size()) target.member = parts[count];
+                return target;
+            }
+            if (count == 0) break;
+        }
+        return target;
+    }
+
+    // The source root of the Rust crate holding `path`: the deepest crate directory above it.
+    std::string crate_root(std::string_view path) const {
+        std::string best;
+        bool found = false;
+        for (const auto& package : packages_) {
+            const std::string& dir = package.directory;
+            if (!package.rust) continue;
+            if (!dir.empty() && !(path.starts_with(dir) && path.size() > dir.size() && path[dir.size()] == '/')) continue;
+            if (!found || dir.size() > best.size()) best = dir;
+            found = true;
+        }
+        if (found) return best;
+        const auto src = path.find("src/");
+        return src == std::string_view::npos ? std::string() : std::string(path.substr(0, src + 3));
+    }
+
+    const std::vector<Binding>& bindings_of(Index file) {
+        if (bindings_ready_[file]) return bindings_[file];
+        bindings_ready_[file] = true;
+        std::vector<Binding> bindings;
+        for (const SnapshotImport* import : imports_of_[file]) {
+            Binding binding;
+            ModuleTarget target = resolve_module(file, import->module);
+            binding.files = std::move(target.files);
+            binding.member = std::move(target.member);
+            binding.module_raw = import->module;
+            binding.module_key = import->module;
+            for (std::size_t pos; (pos = binding.module_key.find("::")) != std::string::npos;) binding.module_key.replace(pos, 2, ".");
+            std::replace(binding.module_key.begin(), binding.module_key.end(), '/', '.');
+            const auto parts = split(import->module, "./");
+            binding.module_last = parts.empty() ? std::string() : parts.back();
+            if (binding.member && !import->name) {
+                // `import com.x.Y` or `use a::b::Item`: the item is the imported name.
+                binding.name = binding.member;
+                binding.key = import->alias.value_or(*binding.member);
+            } else if (import->name) {
+                binding.name = import->name;
+                binding.key = import->alias.value_or(*import->name);
+            } else {
+                binding.key = import->alias.value_or(binding.module_last);
+            }
+            bindings.push_back(std::move(binding));
+        }
+        bindings_[file] = std::move(bindings);
+        return bindings_[file];
+    }
+
+public:
+    struct Package {
+        std::vector<std::string> parts;
+        std::string directory;
+        bool rust = false;
+    };
+    void set_packages(const std::vector<PackageRoot>& packages) {
+        for (const auto& package : packages) {
+            const bool rust = package.name.find('/') == std::string::npos && package.name.find('.') == std::string::npos;
+            packages_.push_back({split(package.name, rust ? "" : "/"), package.directory, rust});
+        }
+        // Longest names first, so that a nested module path wins.
+        std::stable_sort(packages_.begin(), packages_.end(),
+                         [](const Package& a, const Package& b) { return a.parts.size() > b.parts.size(); });
+    }
+
+private:
+    const IndexSnapshot& s_;
+    std::unordered_map<std::int64_t, Index> file_index_;
+    std::unordered_map<std::string, FileList> dir_files_, exact_path_, path_no_ext_, suffix_no_ext_, suffix_with_ext_,
+        module_exact_, c_stem_files_;
+    // Symbol indexes by (file, name) and by (language family, name); source files only.
+    std::unordered_map<std::pair<Index, std::string_view>, std::vector<Index>, PairHash> by_file_name_;
+    std::unordered_map<std::pair<int, std::string_view>, std::vector<Index>, FamilyHash> by_family_name_;
+    std::unordered_map<Index, std::vector<const SnapshotImport*>> imports_of_;
+    std::vector<std::vector<Binding>> bindings_;
+    std::vector<bool> bindings_ready_;
+    std::vector<Package> packages_;
+};
+
+}  // namespace
+
+DerivedData derive_index_data(const IndexSnapshot& snapshot) {
+    DerivedData data;
+    Resolver resolver(snapshot);
+    resolver.set_packages(snapshot.packages);
+
+    std::unordered_map<std::int64_t, std::int64_t> symbol_file;
+    symbol_file.reserve(snapshot.symbols.size());
+    for (const auto& symbol : snapshot.symbols) symbol_file[symbol.id] = symbol.file_id;
+
+    // Test file index -> source file index -> distinct symbols used.
+    std::map<Index, std::map<Index, std::set<std::int64_t>>> used;
+
+    for (const auto& ref : snapshot.references) {
+        if (!resolver.has_file(ref.file_id)) continue;
+        const Index from = resolver.index_of_file(ref.file_id);
+        const auto& from_file = snapshot.files[from];
+        for (std::int64_t target : resolver.resolve(ref)) {
+            data.edges.push_back({target, ref.id});
+            if (!from_file.is_test) ++data.fan_in[target];
+            if (from_file.is_test) {
+                const Index to = resolver.index_of_file(symbol_file.at(target));
+                if (to != from && !snapshot.files[to].is_test) used[from][to].insert(target);
+            }
+        }
+    }
+    std::sort(data.edges.begin(), data.edges.end());
+    data.edges.erase(std::unique(data.edges.begin(), data.edges.end()), data.edges.end());
+
+    // Source files by their name without extension, for tests named after them.
+    std::unordered_map<std::string, FileList> sources_by_stem;
+    for (Index i = 0; i < snapshot.files.size(); ++i) {
+        const auto& file = snapshot.files[i];
+        if (file.is_source && !file.is_test) sources_by_stem[std::string(without_extension(file_name_of(file.path)))].push_back(i);
+    }
+
+    // Source file index -> (test file index -> (named after, used symbols)).
+    std::map<Index, std::map<Index, std::pair<bool, std::int64_t>>> reached;
+    for (Index test = 0; test < snapshot.files.size(); ++test) {
+        const auto& test_file = snapshot.files[test];
+        if (!test_file.is_test || !test_file.is_source) continue;
+        std::set<Index> sources;
+        for (const auto& [source, symbols] : used[test]) sources.insert(source);
+        for (Index source : resolver.imported_files(test)) {
+            const auto& file = snapshot.files[source];
+            if (source != test && file.is_source && !file.is_test) sources.insert(source);
+        }
+        // The source file a test is named after, even when its uses could not be resolved,
+        // as long as the name is not ambiguous.
+        const std::string stem = tested_stem(test_file.path);
+        if (!stem.empty()) {
+            if (auto it = sources_by_stem.find(stem); it != sources_by_stem.end()) {
+                FileList named;
+                for (Index source : it->second) {
+                    if (is_named_test_for(test_file.path, test_file.language, snapshot.files[source].path,
+                                          snapshot.files[source].language)) {
+                        named.push_back(source);
+                    }
+                }
+                const bool any_reached = std::any_of(named.begin(), named.end(), [&](Index s) { return sources.count(s) > 0; });
+                if (!any_reached && named.size() == 1) sources.insert(named.front());
+            }
+        }
+        for (Index source : sources) {
+            const bool named = is_named_test_for(test_file.path, test_file.language, snapshot.files[source].path,
+                                                 snapshot.files[source].language);
+            const auto used_it = used[test].find(source);
+            const std::int64_t count = used_it == used[test].end() ? 0 : static_cast<std::int64_t>(used_it->second.size());
+            reached[source][test] = {named, count};
+        }
+    }
+
+    for (const auto& [source, tests] : reached) {
+        // Dense rank by used symbols, most first; the tests named after the file rank 0.
+        std::set<std::int64_t, std::greater<>> counts;
+        for (const auto& [test, info] : tests) {
+            if (!info.first) counts.insert(info.second);
+        }
+        for (const auto& [test, info] : tests) {
+            double rank = 0;
+            if (!info.first) rank = static_cast<double>(std::distance(counts.begin(), counts.find(info.second)) + 1);
+            data.covering_tests.push_back({snapshot.files[source].id, snapshot.files[test].id, rank, info.second});
+        }
+    }
+    std::sort(data.covering_tests.begin(), data.covering_tests.end(), [](const CoveringTestRow& a, const CoveringTestRow& b) {
+        return a.source_file_id != b.source_file_id ? a.source_file_id < b.source_file_id : a.test_file_id < b.test_file_id;
+    });
+    return data;
+}
+
+std::optional<PackageRoot> package_root_from_manifest(const std::string& manifest_path, const std::string& text) {
+    const std::string_view name = file_name_of(manifest_path);
+    const std::string dir(directory_of(manifest_path));
+    if (name == "go.mod") {
+        static const std::regex kModule(R"re(^\s*module\s+"?([^\s"]+)"?)re");
+        std::smatch match;
+        // The first `module` line.
+        std::size_t start = 0;
+        while (start < text.size()) {
+            const std::size_t end = text.find('\n', start);
+            const std::string line = text.substr(start, end == std::string::npos ? std::string::npos : end - start);
+            if (std::regex_search(line, match, kModule)) return PackageRoot{match[1].str(), dir};
+            if (end == std::string::npos) break;
+            start = end + 1;
+        }
+        return std::nullopt;
+    }
+    if (name == "Cargo.toml") {
+        static const std::regex kSection(R"re(^\s*\[([^\]]*)\])re");
+        static const std::regex kName(R"re(^\s*name\s*=\s*["']([^"']+)["'])re");
+        std::string section;
+        std::size_t start = 0;
+        while (start < text.size()) {
+            const std::size_t end = text.find('\n', start);
+            const std::string line = text.substr(start, end == std::string::npos ? std::string::npos : end - start);
+            std::smatch match;
+            if (std::regex_search(line, match, kSection)) {
+                section = match[1].str();
+            } else if (section == "package" && std::regex_search(line, match, kName)) {
+                std::string crate = match[1].str();
+                std::replace(crate.begin(), crate.end(), '-', '_');
+                return PackageRoot{crate, dir.empty() ? std::string("src") : dir + "/src"};
+            }
+            if (end == std::string::npos) break;
+            start = end + 1;
+        }
+    }
+    return std::nullopt;
+}
+
+}  // namespace orvane_kestrix::indexer

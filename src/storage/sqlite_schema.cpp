@@ -1,0 +1,417 @@
+#include "orvane_kestrix/storage/sqlite_schema.hpp"
+
+#include <sqlite3.h>
+
+#include <array>
+#include <system_error>
+
+namespace orvane_kestrix::storage {
+
+namespace {
+
+// Each entry brings the schema from the previous version to `version`. A new schema version
+// appends an entry; released entries never change.
+struct Migration {
+    int version;
+    const char* sql;
+};
+
+constexpr const char* kSchemaV1 = R"sql(
+CREATE TABLE meta(
+  key TEXT PRIMARY KEY,
+  value TEXT NOT NULL
+) WITHOUT ROWID;
+
+CREATE TABLE components(
+  id INTEGER PRIMARY KEY,
+  name TEXT NOT NULL UNIQUE
+);
+
+CREATE TABLE files(
+  id INTEGER PRIMARY KEY,
+  path TEXT NOT NULL UNIQUE,
+  language TEXT NOT NULL,
+  is_test INTEGER NOT NULL DEFAULT 0,
+  is_source INTEGER NOT NULL DEFAULT 0,
+  component_id INTEGER REFERENCES components(id),
+  content_hash TEXT NOT NULL,
+  size INTEGER NOT NULL DEFAULT 0,
+  mtime_ns INTEGER NOT NULL DEFAULT -1,
+  module_name TEXT NOT NULL DEFAULT '',
+  has_syntax_errors INTEGER NOT NULL DEFAULT 0
+);
+CREATE INDEX files_by_component ON files(component_id);
+
+CREATE TABLE symbols(
+  id INTEGER PRIMARY KEY AUTOINCREMENT,
+  file_id INTEGER NOT NULL REFERENCES files(id),
+  parent_id INTEGER,
+  name TEXT NOT NULL,
+  fqn TEXT NOT NULL,
+  kind TEXT NOT NULL,
+  start_line INTEGER NOT NULL,
+  end_line INTEGER NOT NULL,
+  signature TEXT,
+  docstring TEXT,
+  docstring_truncated INTEGER NOT NULL DEFAULT 0,
+  is_export INTEGER NOT NULL DEFAULT 0,
+  token_count INTEGER NOT NULL DEFAULT 0,
+  production_fan_in INTEGER NOT NULL DEFAULT 0
+);
+CREATE INDEX symbols_by_file ON symbols(file_id, start_line);
+CREATE INDEX symbols_by_fqn ON symbols(fqn);
+
+CREATE VIRTUAL TABLE symbol_names USING fts5(
+  name, content='symbols', content_rowid='id', tokenize='trigram', detail='none');
+CREATE VIRTUAL TABLE symbol_text USING fts5(
+  name, fqn, signature, docstring, content='symbols', content_rowid='id');
+
+CREATE TRIGGER symbols_fts_insert AFTER INSERT ON symbols BEGIN
+  INSERT INTO symbol_names(rowid, name) VALUES (new.id, new.name);
+  INSERT INTO symbol_text(rowid, name, fqn, signature, docstring)
+    VALUES (new.id, new.name, new.fqn, new.signature, new.docstring);
+END;
+CREATE TRIGGER symbols_fts_delete AFTER DELETE ON symbols BEGIN
+  INSERT INTO symbol_names(symbol_names, rowid, name) VALUES ('delete', old.id, old.name);
+  INSERT INTO symbol_text(symbol_text, rowid, name, fqn, signature, docstring)
+    VALUES ('delete', old.id, old.name, old.fqn, old.signature, old.docstring);
+END;
+CREATE TRIGGER symbols_fts_update AFTER UPDATE OF name, fqn, signature, docstring ON symbols BEGIN
+  INSERT INTO symbol_names(symbol_names, rowid, name) VALUES ('delete', old.id, old.name);
+  INSERT INTO symbol_text(symbol_text, rowid, name, fqn, signature, docstring)
+    VALUES ('delete', old.id, old.name, old.fqn, old.signature, old.docstring);
+  INSERT INTO symbol_names(rowid, name) VALUES (new.id, new.name);
+  INSERT INTO symbol_text(rowid, name, fqn, signature, docstring)
+    VALUES (new.id, new.name, new.fqn, new.signature, new.docstring);
+END;
+
+CREATE TABLE refs(
+  id INTEGER PRIMARY KEY AUTOINCREMENT,
+  file_id INTEGER NOT NULL REFERENCES files(id),
+  caller_id INTEGER,
+  name TEXT NOT NULL,
+  qualifier TEXT NOT NULL DEFAULT '',
+  usage_type TEXT NOT NULL,
+  line INTEGER NOT NULL,
+  context TEXT NOT NULL DEFAULT ''
+);
+CREATE INDEX refs_by_file ON refs(file_id);
+
+CREATE TABLE ref_targets(
+  symbol_id INTEGER NOT NULL,
+  ref_id INTEGER NOT NULL,
+  PRIMARY KEY (symbol_id, ref_id)
+) WITHOUT ROWID;
+
+CREATE TABLE imports(
+  id INTEGER PRIMARY KEY,
+  file_id INTEGER NOT NULL REFERENCES files(id),
+  module TEXT NOT NULL,
+  name TEXT,
+  alias TEXT,
+  line INTEGER NOT NULL
+);
+CREATE INDEX imports_by_file ON imports(file_id);
+
+CREATE TABLE covering_tests(
+  source_file_id INTEGER NOT NULL,
+  test_file_id INTEGER NOT NULL,
+  rank REAL NOT NULL,
+  used_symbols INTEGER NOT NULL DEFAULT 0,
+  PRIMARY KEY (source_file_id, test_file_id)
+) WITHOUT ROWID;
+CREATE INDEX covering_tests_by_test ON covering_tests(test_file_id);
+
+INSERT INTO meta(key, value) VALUES ('derived_stale', '0');
+)sql";
+
+constexpr std::array kMigrations = {
+    Migration{1, kSchemaV1},
+};
+static_assert(kMigrations.back().version == kIndexSchemaVersion);
+
+std::string sqlite_message(sqlite3* db, int code) {
+    if (db != nullptr && sqlite3_extended_errcode(db) == code) return sqlite3_errmsg(db);
+    return sqlite3_errstr(code);
+}
+
+}  // namespace
+
+SqliteError::SqliteError(int code, const std::string& message)
+    : std::runtime_error(message), code_(code) {}
+
+bool SqliteError::is_corruption() const {
+    const int primary = code_ & 0xff;
+    return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB;
+}
+
+IndexFileError::IndexFileError(const std::filesystem::path& path, const std::string& problem)
+    : std::runtime_error("index file " + path.string() + ": " + problem +
+                         "; run `kestrix index --rebuild` to start a new index") {}
+
+// ---- Database ----
+
+Database::Database(const std::filesystem::path& path, int flags) : path_(path) {
+    const int rc = sqlite3_open_v2(path.c_str(), &db_, flags, nullptr);
+    if (rc != SQLITE_OK) {
+        std::string message = sqlite_message(db_, rc);
+        sqlite3_close(db_);
+        db_ = nullptr;
+        throw SqliteError(rc, path.string() + ": " + message);
+    }
+    sqlite3_extended_result_codes(db_, 1);
+    sqlite3_busy_timeout(db_, 5000);
+}
+
+Database::~Database() {
+    if (db_ != nullptr) sqlite3_close_v2(db_);
+}
+
+Database::Database(Database&& other) noexcept : db_(other.db_), path_(std::move(other.path_)) {
+    other.db_ = nullptr;
+}
+
+Database& Database::operator=(Database&& other) noexcept {
+    if (this != &other) {
+        if (db_ != nullptr) sqlite3_close_v2(db_);
+        db_ = other.db_;
+        path_ = std::move(other.path_);
+        other.db_ = nullptr;
+    }
+    return *this;
+}
+
+void Database::raise(int code) const { throw SqliteError(code, sqlite_message(db_, code)); }
+
+void Database::exec(std::string_view sql) {
+    const std::string text(sql);
+    char* error = nullptr;
+    const int rc = sqlite3_exec(db_, text.c_str(), nullptr, nullptr, &error);
+    if (rc != SQLITE_OK) {
+        std::string message = error != nullptr ? error : sqlite3_errstr(rc);
+        sqlite3_free(error);
+        throw SqliteError(sqlite3_extended_errcode(db_), message);
+    }
+}
+
+Statement Database::prepare(std::string_view sql) { return Statement(*this, sql); }
+
+std::int64_t Database::last_insert_rowid() const { return sqlite3_last_insert_rowid(db_); }
+
+std::int64_t Database::scalar_int(std::string_view sql) {
+    Statement statement(*this, sql);
+    return statement.step() ? statement.column_int64(0) : 0;
+}
+
+// ---- Statement ----
+
+Statement::Statement(const Database& db, std::string_view sql) : db_(&db) {
+    const int rc = sqlite3_prepare_v2(db.handle(), sql.data(), static_cast<int>(sql.size()), &stmt_, nullptr);
+    if (rc != SQLITE_OK) db.raise(rc);
+}
+
+Statement::~Statement() {
+    if (stmt_ != nullptr) sqlite3_finalize(stmt_);
+}
+
+Statement::Statement(Statement&& other) noexcept : db_(other.db_), stmt_(other.stmt_) {
+    other.stmt_ = nullptr;
+}
+
+Statement& Statement::operator=(Statement&& other) noexcept {
+    if (this != &other) {
+        if (stmt_ != nullptr) sqlite3_finalize(stmt_);
+        db_ = other.db_;
+        stmt_ = other.stmt_;
+        other.stmt_ = nullptr;
+    }
+    return *this;
+}
+
+Statement& Statement::bind(int index, std::int64_t value) {
+    if (const int rc = sqlite3_bind_int64(stmt_, index, value); rc != SQLITE_OK) db_->raise(rc);
+    return *this;
+}
+
+Statement& Statement::bind(int index, double value) {
+    if (const int rc = sqlite3_bind_double(stmt_, index, value); rc != SQLITE_OK) db_->raise(rc);
+    return *this;
+}
+
+Statement& Statement::bind(int index, std::string_view value) {
+    const int rc = sqlite3_bind_text64(stmt_, index, value.data(), value.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
+    if (rc != SQLITE_OK) db_->raise(rc);
+    return *this;
+}
+
+Statement& Statement::bind(int index, const std::optional<std::string>& value) {
+    return value ? bind(index, std::string_view(*value)) : bind_null(index);
+}
+
+Statement& Statement::bind(int index, std::optional<std::int64_t> value) {
+    return value ? bind(index, *value) : bind_null(index);
+}
+
+Statement& Statement::bind_null(int index) {
+    if (const int rc = sqlite3_bind_null(stmt_, index); rc != SQLITE_OK) db_->raise(rc);
+    return *this;
+}
+
+bool Statement::step() {
+    const int rc = sqlite3_step(stmt_);
+    if (rc == SQLITE_ROW) return true;
+    if (rc == SQLITE_DONE) return false;
+    sqlite3_reset(stmt_);
+    db_->raise(rc);
+}
+
+void Statement::run() {
+    while (step()) {
+    }
+    reset();
+}
+
+void Statement::reset() {
+    sqlite3_reset(stmt_);
+    sqlite3_clear_bindings(stmt_);
+}
+
+std::int64_t Statement::column_int64(int index) const { return sqlite3_column_int64(stmt_, index); }
+
+double Statement::column_double(int index) const { return sqlite3_column_double(stmt_, index); }
+
+bool Statement::column_is_null(int index) const { return sqlite3_column_type(stmt_, index) == SQLITE_NULL; }
+
+std::string_view Statement::column_text(int index) const {
+    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt_, index));
+    if (text == nullptr) return {};
+    return {text, static_cast<std::size_t>(sqlite3_column_bytes(stmt_, index))};
+}
+
+std::optional<std::string> Statement::column_optional_text(int index) const {
+    if (column_is_null(index)) return std::nullopt;
+    return column_string(index);
+}
+
+std::optional<std::int64_t> Statement::column_optional_int64(int index) const {
+    if (column_is_null(index)) return std::nullopt;
+    return column_int64(index);
+}
+
+// ---- Transaction ----
+
+Transaction::Transaction(Database& db) : db_(db) { db_.exec("BEGIN IMMEDIATE"); }
+
+Transaction::~Transaction() {
+    if (open_) sqlite3_exec(db_.handle(), "ROLLBACK", nullptr, nullptr, nullptr);
+}
+
+void Transaction::commit() {
+    db_.exec("COMMIT");
+    open_ = false;
+}
+
+// ---- Opening the index ----
+
+namespace {
+
+struct FileState {
+    std::int64_t application_id = 0;
+    std::int64_t user_version = 0;
+    std::int64_t tables = 0;
+};
+
+FileState read_state(Database& db) {
+    FileState state;
+    state.application_id = db.scalar_int("PRAGMA application_id");
+    state.user_version = db.scalar_int("PRAGMA user_version");
+    state.tables = db.scalar_int("SELECT count(*) FROM sqlite_master");
+    return state;
+}
+
+void migrate(Database& db, std::int64_t from_version) {
+    Transaction transaction(db);
+    for (const auto& migration : kMigrations) {
+        if (migration.version <= from_version) continue;
+        db.exec(migration.sql);
+    }
+    db.exec("PRAGMA application_id = " + std::to_string(kIndexApplicationId));
+    db.exec("PRAGMA user_version = " + std::to_string(kIndexSchemaVersion));
+    write_meta(db, "schema_version", std::to_string(kIndexSchemaVersion));
+    transaction.commit();
+}
+
+}  // namespace
+
+Database open_index(const std::filesystem::path& path, const IndexOpenOptions& options) {
+    std::error_code error;
+    if (!options.read_only) {
+        if (options.rebuild) remove_index_files(path);
+        if (path.has_parent_path()) std::filesystem::create_directories(path.parent_path(), error);
+    } else if (!std::filesystem::exists(path, error)) {
+        throw IndexFileError(path, "no index here yet");
+    }
+    if (std::filesystem::is_directory(path, error)) throw IndexFileError(path, "is a directory");
+
+    const int flags = options.read_only ? SQLITE_OPEN_READONLY : (SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
+    Database db(path, flags);
+    FileState state;
+    try {
+        state = read_state(db);
+    } catch (const SqliteError& e) {
+        if (e.is_corruption()) throw IndexFileError(path, "not a readable SQLite database (" + std::string(e.what()) + ")");
+        throw;
+    }
+
+    const bool empty = state.application_id == 0 && state.tables == 0;
+    if (!empty && state.application_id != kIndexApplicationId) {
+        throw IndexFileError(path, "another program's SQLite database, not an index");
+    }
+    if (state.user_version > kIndexSchemaVersion) {
+        throw IndexFileError(path, "written by a newer version (schema " + std::to_string(state.user_version) +
+                                       ", this build reads up to " + std::to_string(kIndexSchemaVersion) + ")");
+    }
+    if (!empty && state.user_version < 1) throw IndexFileError(path, "incomplete index (no schema version)");
+
+    if (options.read_only) {
+        if (empty) throw IndexFileError(path, "empty file, no index yet");
+        if (state.user_version < kIndexSchemaVersion) {
+            throw IndexFileError(path, "older schema " + std::to_string(state.user_version) + " needs migrating");
+        }
+        return db;
+    }
+
+    db.exec("PRAGMA journal_mode = WAL");
+    db.exec("PRAGMA synchronous = NORMAL");
+    if (state.user_version < kIndexSchemaVersion) {
+        try {
+            migrate(db, state.user_version);
+        } catch (const SqliteError& e) {
+            if (e.is_corruption()) throw IndexFileError(path, std::string("damaged (") + e.what() + ")");
+            throw;
+        }
+    }
+    return db;
+}
+
+void remove_index_files(const std::filesystem::path& path) {
+    std::error_code error;
+    for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
+        std::filesystem::remove(std::filesystem::path(path.string() + suffix), error);
+    }
+}
+
+std::optional<std::string> read_meta(Database& db, std::string_view key) {
+    Statement statement(db, "SELECT value FROM meta WHERE key = ?");
+    statement.bind(1, key);
+    if (!statement.step()) return std::nullopt;
+    return statement.column_string(0);
+}
+
+void write_meta(Database& db, std::string_view key, std::string_view value) {
+    Statement statement(db, "INSERT INTO meta(key, value) VALUES (?, ?) ON CONFLICT(key) DO UPDATE SET value = excluded.value");
+    statement.bind(1, key).bind(2, value);
+    statement.run();
+}
+
+}  // namespace orvane_kestrix::storage
