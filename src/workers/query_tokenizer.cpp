@@ -159,13 +159,9 @@ bool is_word_char_at(std::string_view s, std::size_t pos) {
     return pos < s.size() && is_word_class(classify(decode_at(s, pos).cp));
 }
 
-bool is_ascii_space(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
-
-// Whether the text at `pos` ends a sentence: end of text or white space follows.
+// Whether a stop at `pos` ends a sentence: end of text or white space follows.
 bool ends_sentence_at(std::string_view s, std::size_t pos) {
-    if (pos >= s.size()) return true;
-    if (is_ascii_space(s[pos])) return true;
-    return text::is_space(decode_at(s, pos).cp);
+    return pos >= s.size() || text::is_space(decode_at(s, pos).cp);
 }
 
 // The code points of one word, with their classes.
@@ -259,7 +255,7 @@ Spelling spell(std::string_view word, const WordChars& chars) {
     return s;
 }
 
-// Splits a task into words. Stateless: one Scanner per call.
+// Splits a task into words; one scanner per call, holding that scan's position.
 class Scanner {
 public:
     explicit Scanner(std::string_view task) : task_(task) {}
@@ -517,8 +513,8 @@ bool title_cased(const std::vector<Word>& words, WordChars& chars) {
 bool is_name(const Word& w, const Spelling& s, bool title) {
     if (!s.identifier) return false;
     switch (w.role) {
-        case Role::FileStem:  // a receiver or keyword before an extension-like part stays out
-        case Role::Dotted:
+        case Role::FileStem:
+        case Role::Dotted:  // receivers and keywords (self, this, None) are never names
             return !code_words().contains(w.text);
         case Role::PathDir:
         case Role::FileInner:
@@ -587,7 +583,6 @@ void split_parts(std::string_view word, const WordChars& chars, Emit&& emit) {
     }
     flush(n);
 }
-
 
 }  // namespace
 
