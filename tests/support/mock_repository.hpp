@@ -18,7 +18,7 @@ public:
     MOCK_METHOD(FanInMap, production_fan_in, (const std::vector<std::int64_t>& ids), (override));
     MOCK_METHOD(std::unordered_set<std::string>, test_paths, (const std::vector<std::string>& paths), (override));
     MOCK_METHOD((std::unordered_map<std::int64_t, SymbolWithPath>), symbols_with_paths,
-                (const std::vector<std::int64_t>& ids), (override));
+                (const std::vector<std::optional<std::int64_t>>& ids), (override));
     MOCK_METHOD(std::vector<CoveringTest>, find_covering_tests, (const std::vector<std::string>& paths), (override));
     MOCK_METHOD(std::vector<Symbol>, get_symbols_by_file, (std::int64_t file_id), (override));
     MOCK_METHOD(ReferencesResult, get_references, (const std::string& fqn), (override));
