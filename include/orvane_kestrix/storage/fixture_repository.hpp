@@ -153,14 +153,14 @@ private:
 // A tokenizer that answers the fixture's scripted names, terms and test flag.
 class ScriptedTokenizer final : public Tokenizer {
 public:
-    ScriptedTokenizer(const FixtureTokenizerData& data, CallLog& log, FailureInjector& failures)
-        : data_(data), log_(log), failures_(failures) {}
+    ScriptedTokenizer(FixtureTokenizerData data, CallLog& log, FailureInjector& failures)
+        : data_(std::move(data)), log_(log), failures_(failures) {}
     std::vector<std::string> query_names(const std::string& task) override;
     std::vector<std::string> query_terms(const std::string& task) override;
     bool is_test_query(const std::vector<std::string>& terms) override;
 
 private:
-    const FixtureTokenizerData& data_;
+    FixtureTokenizerData data_;
     CallLog& log_;
     FailureInjector& failures_;
 };

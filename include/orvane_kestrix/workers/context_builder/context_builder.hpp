@@ -31,16 +31,16 @@ struct ContextBuilderOptions {
 
 // The arguments of build_context_pack, passable by name: build_context_pack({.task = "..."}).
 struct PackRequest {
-    std::string task;
+    std::string task{};
     std::int64_t token_budget = 800;
-    std::optional<std::string> component_filter;
+    std::optional<std::string> component_filter{};
     bool include_snippets = false;
-    std::optional<std::filesystem::path> repo_root;
-    std::optional<std::vector<std::string>> prefer_kinds;
+    std::optional<std::filesystem::path> repo_root{};
+    std::optional<std::vector<std::string>> prefer_kinds{};
     bool source_only = true;
     bool wide_match = false;
-    std::optional<std::set<std::string>> deep_fqns;
-    std::optional<std::vector<Symbol>> seed_symbols;
+    std::optional<std::set<std::string>> deep_fqns{};
+    std::optional<std::vector<Symbol>> seed_symbols{};
 };
 
 using SeedRank = std::unordered_map<std::int64_t, std::int64_t>;

@@ -14,25 +14,25 @@ using OrderedJson = nlohmann::ordered_json;
 
 // One parameter parsed from a docstring.
 struct ParameterRow {
-    std::string name;
-    std::string description;
-    std::optional<std::string> type;  // only when the docstring states one (may be empty)
+    std::string name{};
+    std::string description{};
+    std::optional<std::string> type{};  // only when the docstring states one (may be empty)
 
     bool operator==(const ParameterRow&) const = default;
 };
 
 // Another class, function or method of the same file.
 struct RelatedRow {
-    std::string fqn;
-    std::string kind;
+    std::string fqn{};
+    std::string kind{};
 
     bool operator==(const RelatedRow&) const = default;
 };
 
 // A test file listed for a source file of the pack.
 struct TestRow {
-    std::string file;        // the test file's path
-    std::string for_source;  // written as "for"
+    std::string file{};        // the test file's path
+    std::string for_source{};  // written as "for"
 
     bool operator==(const TestRow&) const = default;
 };
@@ -40,19 +40,19 @@ struct TestRow {
 // One packed symbol. Optional members are written only when present (and non-empty);
 // `signature` and `docstring` are always written, as null when absent.
 struct SymbolRow {
-    std::string fqn;
-    std::string name;
-    std::string kind;
-    std::string file;
+    std::string fqn{};
+    std::string name{};
+    std::string kind{};
+    std::string file{};
     std::int64_t line = 0;
-    std::optional<std::string> signature;
-    std::optional<std::string> docstring;
+    std::optional<std::string> signature{};
+    std::optional<std::string> docstring{};
     bool docstring_truncated = false;
-    std::optional<std::vector<ParameterRow>> parameters;
-    std::optional<std::vector<RelatedRow>> related;
-    std::optional<std::string> usage_example;
+    std::optional<std::vector<ParameterRow>> parameters{};
+    std::optional<std::vector<RelatedRow>> related{};
+    std::optional<std::string> usage_example{};
     bool has_tests = false;  // written only as true
-    std::optional<std::string> snippet;
+    std::optional<std::string> snippet{};
 
     OrderedJson to_json() const;
 };
@@ -62,11 +62,11 @@ OrderedJson to_json(const RelatedRow& row);
 OrderedJson to_json(const TestRow& row);
 
 struct ContextPack {
-    std::vector<SymbolRow> symbols;
-    std::vector<std::string> files;
-    std::vector<TestRow> tests;
-    std::vector<std::string> recommendations;
-    std::vector<std::string> notes;
+    std::vector<SymbolRow> symbols{};
+    std::vector<std::string> files{};
+    std::vector<TestRow> tests{};
+    std::vector<std::string> recommendations{};
+    std::vector<std::string> notes{};
     std::int64_t tokens_used = 0;
     bool indexing_in_progress = false;
     std::int64_t progress = 100;
