@@ -471,7 +471,9 @@ IndexStats IndexBuilder::run() {
         std::size_t in_batch = 0;
         bool marked_stale = false;
         auto begin_batch = [&] {
-            if (!transaction) transaction.emplace(db);
+            if (transaction) return;
+            transaction.emplace(db);
+            store.begin_batch();
         };
         // Before the first write that changes what other files' references may mean.
         auto mark_stale = [&] {
@@ -482,11 +484,15 @@ IndexStats IndexBuilder::run() {
         };
         auto commit_batch = [&] {
             if (!transaction) return;
+            store.finish_batch();
             transaction->commit();
             transaction.reset();
             in_batch = 0;
         };
 
+        // What the refresh needs of the files written in this run, kept as they are written.
+        IndexSnapshot collected;
+        std::unordered_set<std::int64_t> written;
         std::size_t done = 0;
         progress("parsing", 0, to_read.size());
         while (auto result = queue.pop()) {
@@ -516,8 +522,9 @@ IndexStats IndexBuilder::run() {
                     ++stats.parsed;
                     kept.insert(candidate.facts.path);
                     mark_stale();
-                    store.write_parsed(result->parsed,
-                                       candidate.stored ? std::optional<std::int64_t>(candidate.stored->id) : std::nullopt);
+                    written.insert(store.write_parsed(
+                        result->parsed, candidate.stored ? std::optional<std::int64_t>(candidate.stored->id) : std::nullopt,
+                        &collected));
                     ++in_batch;
                     break;
             }
@@ -552,10 +559,17 @@ IndexStats IndexBuilder::run() {
                 progress("resolving", 0, 1);
                 Transaction refresh(db);
                 store.prune_components();
-                IndexSnapshot snapshot = store.load_snapshot();
+                IndexSnapshot snapshot = store.load_snapshot(written);
+                snapshot.symbols.reserve(snapshot.symbols.size() + collected.symbols.size());
+                snapshot.imports.reserve(snapshot.imports.size() + collected.imports.size());
+                snapshot.references.reserve(snapshot.references.size() + collected.references.size());
+                std::move(collected.symbols.begin(), collected.symbols.end(), std::back_inserter(snapshot.symbols));
+                std::move(collected.imports.begin(), collected.imports.end(), std::back_inserter(snapshot.imports));
+                std::move(collected.references.begin(), collected.references.end(), std::back_inserter(snapshot.references));
                 snapshot.packages = packages;
                 const DerivedData derived = derive_index_data(snapshot);
                 store.write_derived(derived);
+
                 storage::write_meta(db, "derived_stale", "0");
                 storage::write_meta(db, "packages", package_text);
                 storage::write_meta(db, "parser_revision", kParserRevision);

@@ -44,7 +44,11 @@ IndexStore::IndexStore(storage::Database& db)
       delete_imports_(db, "DELETE FROM imports WHERE file_id = ?"),
       update_stat_(db, "UPDATE files SET size = ?, mtime_ns = ? WHERE id = ?"),
       update_facts_(db, "UPDATE files SET is_test = ?, is_source = ?, component_id = ? WHERE id = ?"),
-      insert_component_(db, "INSERT INTO components(name) VALUES (?)") {
+      insert_component_(db, "INSERT INTO components(name) VALUES (?)"),
+      fts_delete_names_(db, "INSERT INTO symbol_names(symbol_names, rowid, name) "
+                            "SELECT 'delete', id, name FROM symbols WHERE file_id = ? AND id <= ?"),
+      fts_delete_text_(db, "INSERT INTO symbol_text(symbol_text, rowid, name, fqn, signature, docstring) "
+                           "SELECT 'delete', id, name, fqn, signature, docstring FROM symbols WHERE file_id = ? AND id <= ?") {
     Statement components(db_, "SELECT id, name FROM components");
     while (components.step()) components_[components.column_string(1)] = components.column_int64(0);
 }
@@ -81,6 +85,10 @@ std::int64_t IndexStore::component_id(const std::string& name) {
 void IndexStore::delete_contents(std::int64_t file_id) {
     // Edges of this file's references to other files stay until the refresh recomputes them;
     // reference and symbol ids are never reused, so they cannot be mistaken for new ones.
+    fts_delete_names_.bind(1, file_id).bind(2, batch_first_symbol_);
+    fts_delete_names_.run();
+    fts_delete_text_.bind(1, file_id).bind(2, batch_first_symbol_);
+    fts_delete_text_.run();
     delete_edges_of_file_.bind(1, file_id);
     delete_edges_of_file_.run();
     delete_symbols_.bind(1, file_id);
@@ -91,9 +99,9 @@ void IndexStore::delete_contents(std::int64_t file_id) {
     delete_imports_.run();
 }
 
-std::int64_t IndexStore::write_parsed(const ParsedFile& file, std::optional<std::int64_t> existing_id) {
+std::int64_t IndexStore::write_parsed(ParsedFile& file, std::optional<std::int64_t> existing_id, IndexSnapshot* collect) {
     const FileFacts& facts = file.facts;
-    const FileExtraction& extraction = file.extraction;
+    FileExtraction& extraction = file.extraction;
     std::int64_t file_id = 0;
     Statement& statement = existing_id ? update_file_ : insert_file_;
     if (existing_id) {
@@ -143,6 +151,7 @@ std::int64_t IndexStore::write_parsed(const ParsedFile& file, std::optional<std:
         set_parent_.run();
     }
 
+    std::int64_t first_ref = 0;
     for (const ExtractedReference& ref : extraction.references) {
         std::optional<std::int64_t> caller;
         if (ref.caller && *ref.caller < symbol_ids.size()) caller = symbol_ids[*ref.caller];
@@ -154,6 +163,7 @@ std::int64_t IndexStore::write_parsed(const ParsedFile& file, std::optional<std:
             .bind(6, ref.line)
             .bind(7, ref.context);
         insert_ref_.run();
+        if (first_ref == 0) first_ref = db_.last_insert_rowid();
     }
 
     for (const ExtractedImport& import : extraction.imports) {
@@ -167,7 +177,41 @@ std::int64_t IndexStore::write_parsed(const ParsedFile& file, std::optional<std:
             for (const auto& name : import.names) write(name);
         }
     }
+
+    if (collect != nullptr) {
+        for (std::size_t i = 0; i < extraction.symbols.size(); ++i) {
+            auto& symbol = extraction.symbols[i];
+            collect->symbols.push_back({symbol_ids[i], file_id, std::move(symbol.name), std::move(symbol.fqn), std::move(symbol.kind)});
+        }
+        // References of one file get consecutive ids: one writer, AUTOINCREMENT.
+        std::int64_t ref_id = first_ref;
+        for (auto& ref : extraction.references) {
+            collect->references.push_back({ref_id++, file_id, std::move(ref.name), std::move(ref.qualifier), std::move(ref.usage_type)});
+        }
+        for (auto& import : extraction.imports) {
+            if (import.names.empty()) {
+                collect->imports.push_back({file_id, import.module, std::nullopt, import.alias});
+            } else {
+                for (auto& name : import.names) collect->imports.push_back({file_id, import.module, std::move(name), import.alias});
+            }
+        }
+    }
     return file_id;
+}
+
+void IndexStore::begin_batch() {
+    batch_first_symbol_ = db_.scalar_int("SELECT coalesce(max(id), 0) FROM symbols");
+}
+
+void IndexStore::finish_batch() {
+    Statement names(db_, "INSERT INTO symbol_names(rowid, name) SELECT id, name FROM symbols WHERE id > ?");
+    names.bind(1, batch_first_symbol_);
+    names.run();
+    Statement text(db_, "INSERT INTO symbol_text(rowid, name, fqn, signature, docstring) "
+                        "SELECT id, name, fqn, signature, docstring FROM symbols WHERE id > ?");
+    text.bind(1, batch_first_symbol_);
+    text.run();
+    batch_first_symbol_ = db_.scalar_int("SELECT coalesce(max(id), 0) FROM symbols");
 }
 
 void IndexStore::update_stat(std::int64_t file_id, std::int64_t size, std::int64_t mtime_ns) {
@@ -197,7 +241,7 @@ void IndexStore::prune_components() {
     while (components.step()) components_[components.column_string(1)] = components.column_int64(0);
 }
 
-IndexSnapshot IndexStore::load_snapshot() {
+IndexSnapshot IndexStore::load_snapshot(const std::unordered_set<std::int64_t>& known) {
     IndexSnapshot snapshot;
     {
         Statement statement(db_, "SELECT id, path, language, is_test, is_source, module_name FROM files ORDER BY id");
@@ -209,27 +253,37 @@ IndexSnapshot IndexStore::load_snapshot() {
                                       statement.column_string(5)});
         }
     }
-    {
-        Statement statement(db_, "SELECT id, file_id, name, fqn, kind FROM symbols ORDER BY id");
-        while (statement.step()) {
-            snapshot.symbols.push_back({statement.column_int64(0), statement.column_int64(1), statement.column_string(2),
-                                        statement.column_string(3), statement.column_string(4)});
+    // When most files are known, the others are read one by one through the file indexes;
+    // otherwise whole tables are read and the known files' rows passed over.
+    const bool per_file = known.size() * 2 > snapshot.files.size();
+    auto read = [&](const std::string& columns, const std::string& table, auto&& add) {
+        if (per_file) {
+            Statement statement(db_, "SELECT " + columns + " FROM " + table + " WHERE file_id = ? ORDER BY id");
+            for (const auto& file : snapshot.files) {
+                if (known.count(file.id) > 0) continue;
+                statement.bind(1, file.id);
+                while (statement.step()) add(statement);
+                statement.reset();
+            }
+        } else {
+            Statement statement(db_, "SELECT " + columns + " FROM " + table + " ORDER BY id");
+            while (statement.step()) {
+                if (known.count(statement.column_int64(0)) == 0) add(statement);
+            }
         }
-    }
-    {
-        Statement statement(db_, "SELECT file_id, module, name, alias FROM imports ORDER BY id");
-        while (statement.step()) {
-            snapshot.imports.push_back({statement.column_int64(0), statement.column_string(1),
-                                        statement.column_optional_text(2), statement.column_optional_text(3)});
-        }
-    }
-    {
-        Statement statement(db_, "SELECT id, file_id, name, qualifier, usage_type FROM refs ORDER BY id");
-        while (statement.step()) {
-            snapshot.references.push_back({statement.column_int64(0), statement.column_int64(1), statement.column_string(2),
-                                           statement.column_string(3), statement.column_string(4)});
-        }
-    }
+    };
+    read("file_id, id, name, fqn, kind", "symbols", [&](Statement& row) {
+        snapshot.symbols.push_back(
+            {row.column_int64(1), row.column_int64(0), row.column_string(2), row.column_string(3), row.column_string(4)});
+    });
+    read("file_id, module, name, alias", "imports", [&](Statement& row) {
+        snapshot.imports.push_back(
+            {row.column_int64(0), row.column_string(1), row.column_optional_text(2), row.column_optional_text(3)});
+    });
+    read("file_id, id, name, qualifier, usage_type", "refs", [&](Statement& row) {
+        snapshot.references.push_back(
+            {row.column_int64(1), row.column_int64(0), row.column_string(2), row.column_string(3), row.column_string(4)});
+    });
     return snapshot;
 }
 

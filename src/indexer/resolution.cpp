@@ -142,7 +142,7 @@ enum class QualifierKind { none, value, type_path };
 struct Filter {
     bool type_use = false;
     QualifierKind qualifier = QualifierKind::none;
-    std::string type_name;           // for type_path: the qualifier's last part
+    std::string_view type_name;      // for type_path: the qualifier's last part
     bool bare_is_no_member = false;  // a bare name cannot mean a member here
 
     bool accepts(const SnapshotSymbol& symbol, std::string_view name) const {
@@ -196,17 +196,22 @@ public:
         const Index file = it->second;
         const Language language = s_.files[file].language;
         const auto& bindings = bindings_of(file);
-        std::string qualifier = ref.qualifier;
-        const bool path_qualifier = qualifier.find("::") != std::string::npos;
-        for (std::size_t pos; (pos = qualifier.find("::")) != std::string::npos;) qualifier.replace(pos, 2, ".");
-        for (std::size_t pos; (pos = qualifier.find("->")) != std::string::npos;) qualifier.replace(pos, 2, ".");
-        const std::string head = qualifier.substr(0, qualifier.find('.'));
+        const bool path_qualifier = ref.qualifier.find("::") != std::string::npos;
+        std::string qualifier_text;
+        std::string_view qualifier = ref.qualifier;
+        if (path_qualifier || ref.qualifier.find("->") != std::string::npos) {
+            qualifier_text = ref.qualifier;
+            for (std::size_t pos; (pos = qualifier_text.find("::")) != std::string::npos;) qualifier_text.replace(pos, 2, ".");
+            for (std::size_t pos; (pos = qualifier_text.find("->")) != std::string::npos;) qualifier_text.replace(pos, 2, ".");
+            qualifier = qualifier_text;
+        }
+        const std::string_view head = qualifier.substr(0, qualifier.find('.'));
 
         Filter fit;
         fit.type_use = is_type_usage(ref.usage_type);
         if (qualifier.empty()) {
             fit.qualifier = QualifierKind::none;
-        } else if (is_self_qualifier(qualifier)) {
+        } else if (is_self_qualifier(qualifier) || is_self_qualifier(head)) {
             fit.qualifier = QualifierKind::value;
         } else {
             const auto dot = qualifier.rfind('.');
@@ -217,8 +222,17 @@ public:
         Filter module_fit;  // a name in a module: any definition of a fitting kind
         module_fit.type_use = fit.type_use;
 
+        // An import statement's name means a definition of the imported module (followed
+        // through re-exports), never one of the importing file.
+        if (ref.usage_type == "import") {
+            if (ref.qualifier.empty()) return out;
+            const ModuleTarget& target = module_for_qualifier(file, ref.qualifier);
+            if (!target.member) add_symbols(target.files, ref.name, out, 2, module_fit);
+            return finish(out);
+        }
+
         // 1. A qualifier naming an imported module, an imported name, or a module in full.
-        if (fit.qualifier != QualifierKind::none && !is_self_qualifier(qualifier)) {
+        if (fit.qualifier != QualifierKind::none && !is_self_qualifier(head)) {
             for (const auto& binding : bindings) {
                 if (binding.name) continue;
                 if (qualifier == binding.key || qualifier == binding.module_key || qualifier == binding.module_last) {
@@ -235,7 +249,7 @@ public:
             if (!out.empty()) return finish(out);
             if (qualifier.find('.') != std::string::npos) {
                 // A module written out ("pkg.mod.func"), or a class in one ("pkg.mod.Class.method").
-                auto target = resolve_module(file, ref.qualifier);
+                const ModuleTarget& target = module_for_qualifier(file, ref.qualifier);
                 add_symbols(target.files, ref.name, out, 1, target.member ? fit : module_fit);
                 if (!out.empty()) return finish(out);
             }
@@ -286,7 +300,7 @@ public:
             for (Index symbol : unique->second) {
                 if (!outside.accepts(s_.symbols[symbol], ref.name)) continue;
                 found = s_.symbols[symbol].id;
-                ++matches;
+                if (++matches > 1) break;
             }
             if (matches == 1) out.push_back(found);
         }
@@ -560,6 +574,13 @@ private:
         return src == std::string_view::npos ? std::string() : std::string(path.substr(0, src + 3));
     }
 
+    // Qualifiers repeat within a file ("os.path" on every call): each is resolved once.
+    const ModuleTarget& module_for_qualifier(Index file, const std::string& qualifier) {
+        auto key = std::make_pair(file, qualifier);
+        if (auto it = qualifier_modules_.find(key); it != qualifier_modules_.end()) return it->second;
+        return qualifier_modules_.emplace(std::move(key), resolve_module(file, qualifier)).first->second;
+    }
+
     const std::vector<Binding>& bindings_of(Index file) {
         if (bindings_ready_[file]) return bindings_[file];
         bindings_ready_[file] = true;
@@ -619,6 +640,7 @@ private:
     std::vector<std::vector<Binding>> bindings_;
     std::vector<bool> bindings_ready_;
     std::vector<Package> packages_;
+    std::map<std::pair<Index, std::string>, ModuleTarget> qualifier_modules_;
 };
 
 }  // namespace

@@ -66,25 +66,6 @@ CREATE VIRTUAL TABLE symbol_names USING fts5(
 CREATE VIRTUAL TABLE symbol_text USING fts5(
   name, fqn, signature, docstring, content='symbols', content_rowid='id');
 
-CREATE TRIGGER symbols_fts_insert AFTER INSERT ON symbols BEGIN
-  INSERT INTO symbol_names(rowid, name) VALUES (new.id, new.name);
-  INSERT INTO symbol_text(rowid, name, fqn, signature, docstring)
-    VALUES (new.id, new.name, new.fqn, new.signature, new.docstring);
-END;
-CREATE TRIGGER symbols_fts_delete AFTER DELETE ON symbols BEGIN
-  INSERT INTO symbol_names(symbol_names, rowid, name) VALUES ('delete', old.id, old.name);
-  INSERT INTO symbol_text(symbol_text, rowid, name, fqn, signature, docstring)
-    VALUES ('delete', old.id, old.name, old.fqn, old.signature, old.docstring);
-END;
-CREATE TRIGGER symbols_fts_update AFTER UPDATE OF name, fqn, signature, docstring ON symbols BEGIN
-  INSERT INTO symbol_names(symbol_names, rowid, name) VALUES ('delete', old.id, old.name);
-  INSERT INTO symbol_text(symbol_text, rowid, name, fqn, signature, docstring)
-    VALUES ('delete', old.id, old.name, old.fqn, old.signature, old.docstring);
-  INSERT INTO symbol_names(rowid, name) VALUES (new.id, new.name);
-  INSERT INTO symbol_text(rowid, name, fqn, signature, docstring)
-    VALUES (new.id, new.name, new.fqn, new.signature, new.docstring);
-END;
-
 CREATE TABLE refs(
   id INTEGER PRIMARY KEY AUTOINCREMENT,
   file_id INTEGER NOT NULL REFERENCES files(id),
@@ -353,7 +334,9 @@ Database open_index(const std::filesystem::path& path, const IndexOpenOptions& o
     }
     if (std::filesystem::is_directory(path, error)) throw IndexFileError(path, "is a directory");
 
-    const int flags = options.read_only ? SQLITE_OPEN_READONLY : (SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
+    // A connection belongs to one thread at a time: SQLite's own locking is not needed.
+    const int flags = SQLITE_OPEN_NOMUTEX |
+                      (options.read_only ? SQLITE_OPEN_READONLY : (SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE));
     Database db(path, flags);
     FileState state;
     try {

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "orvane_kestrix/indexer/extraction.hpp"
@@ -60,9 +61,15 @@ public:
 
     std::unordered_map<std::string, StoredFile> load_files();
 
-    // Writes go inside a transaction the caller holds.
+    // Writes go inside a transaction the caller holds, between begin_batch() and
+    // finish_batch(), which brings the full-text tables up to date with the batch's symbols.
+    void begin_batch();
+    void finish_batch();
     // Inserts or replaces the file and everything extracted from it. Returns the file id.
-    std::int64_t write_parsed(const ParsedFile& file, std::optional<std::int64_t> existing_id);
+    // With `collect`, the file's symbols, imports and references then move into it (as
+    // load_snapshot would read them back), which spares reading them again.
+    std::int64_t write_parsed(ParsedFile& file, std::optional<std::int64_t> existing_id,
+                              IndexSnapshot* collect = nullptr);
     // Records a new size/mtime for a file whose content is unchanged.
     void update_stat(std::int64_t file_id, std::int64_t size, std::int64_t mtime_ns);
     // Updates the flags and component of an unchanged file.
@@ -72,7 +79,8 @@ public:
     // Deletes components no file belongs to.
     void prune_components();
 
-    IndexSnapshot load_snapshot();
+    // Every file, and the symbols, imports and references of all files but `known`.
+    IndexSnapshot load_snapshot(const std::unordered_set<std::int64_t>& known = {});
     // Makes the stored references, fan-in and covering tests those of `derived`, writing only
     // what differs.
     RefreshCounts write_derived(const DerivedData& derived);
@@ -86,10 +94,11 @@ private:
     void delete_contents(std::int64_t file_id);
 
     storage::Database& db_;
+    std::int64_t batch_first_symbol_ = 0;  // symbols with larger ids are not yet in the FTS tables
     std::unordered_map<std::string, std::int64_t> components_;
     storage::Statement insert_file_, update_file_, insert_symbol_, set_parent_, insert_ref_, insert_import_,
         delete_edges_of_file_, delete_symbols_, delete_refs_, delete_imports_, update_stat_, update_facts_,
-        insert_component_;
+        insert_component_, fts_delete_names_, fts_delete_text_;
 };
 
 // Language by its stored name.

@@ -59,7 +59,8 @@
 //   symbol_text: FTS5 table (unicode61 tokenizer), external content = symbols, columns name,
 //       fqn, signature, docstring; rowid = symbols.id. Full-text search for retrievers
 //       (MATCH, bm25()).
-//       Both FTS tables are kept in step with `symbols` by triggers.
+//       The indexer keeps both FTS tables in step with `symbols` within each write
+//       transaction (bulk inserts per batch rather than triggers, for speed).
 //
 //   refs(id INTEGER PRIMARY KEY AUTOINCREMENT, file_id, caller_id, name, qualifier,
 //        usage_type, line, context)
@@ -222,7 +223,7 @@ struct IndexOpenOptions {
     bool rebuild = false;    // writers: delete whatever is at the path and start a new index
 };
 
-// Opens the index at `path`. A writer creates the file (and its directory) when missing,
+// Opens the index at `path`, for use by one thread at a time. A writer creates the file (and its directory) when missing,
 // initialises an empty database, migrates an older schema, sets WAL. Throws IndexFileError
 // for a file that is not a database, is damaged, belongs to another program, has a newer
 // schema, or (read-only) does not exist or is not initialised.
