@@ -71,6 +71,7 @@ const WordSet& test_words() {
         "stubs",      "stubbed",    "stubbing",    "spy",         "spies",      "fake",
         "fakes",      "assert",     "asserts",     "assertion",   "assertions", "flaky",
         "flakiness",  "e2e",        "tdd",         "parametrize", "parametrized", "parameterized",
+        "spec",       "specs",      "rspec",
     };
     return words;
 }
