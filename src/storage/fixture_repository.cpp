@@ -134,7 +134,7 @@ SymbolPathMap FixtureRepository::get_file_paths_batch(const std::vector<Symbol>&
     SymbolPathMap out;
     for (const auto& s : symbols) {
         if (!s.id) continue;
-        if (const FixtureFile* file = file_by_id(s.file_id)) out.emplace(*s.id, file->path);
+        if (const FixtureFile* file = file_by_id(s.file_id)) out.insert_or_assign(*s.id, file->path);
     }
     return out;
 }
