@@ -107,6 +107,13 @@ TEST_F(SnippetTest, FilesThatCannotBeReadGiveNothing) {
     }
 }
 
+TEST_F(SnippetTest, ReadErrorGivesNothing) {
+    // A regular file whose read fails at offset 0 (EIO): the process's own memory image.
+    const fs::path mem = "/proc/self/mem";
+    if (!fs::is_regular_file(mem)) GTEST_SKIP() << "no /proc/self/mem here";
+    EXPECT_EQ(ContextBuilder::_extract_snippet(mem, 1, 10, 0), std::make_pair(std::optional<std::string>{}, std::int64_t{0}));
+}
+
 TEST_F(SnippetTest, UnreadableFileGivesNothing) {
     if (::geteuid() == 0) GTEST_SKIP() << "file permissions do not bind the super-user";
     const fs::path path = write("secret.py", numbered(3));
