@@ -57,6 +57,9 @@ struct FileExtraction {
     std::vector<ExtractedReference> references;
     std::vector<ExtractedImport> imports;
     bool has_syntax_errors = false;
+    // The parser gave up: it exceeded its work budget on pathological input (which some
+    // grammars' error recovery meets on garbage). Nothing was extracted.
+    bool parse_abandoned = false;
 };
 
 struct ExtractorOptions {

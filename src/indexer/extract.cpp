@@ -1,0 +1,614 @@
+// The extractor: parses a file with its language's grammar, runs the language's query once,
+// and turns the captures into symbols (qualified names, kinds, exports, lines, signatures,
+// docstrings), references (with their callers) and imports.
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "extract_internal.hpp"
+#include "orvane_kestrix/indexer/extraction.hpp"
+#include "orvane_kestrix/text/unicode.hpp"
+
+namespace orvane_kestrix::indexer {
+
+using namespace detail;
+
+namespace {
+
+bool is_valid_utf8(std::string_view s) {
+    std::size_t i = 0;
+    const std::size_t n = s.size();
+    while (i < n) {
+        auto c = static_cast<unsigned char>(s[i]);
+        if (c < 0x80) {
+            ++i;
+            continue;
+        }
+        std::size_t length;
+        char32_t min;
+        if (c >= 0xC2 && c <= 0xDF) {
+            length = 2;
+            min = 0x80;
+        } else if (c >= 0xE0 && c <= 0xEF) {
+            length = 3;
+            min = 0x800;
+        } else if (c >= 0xF0 && c <= 0xF4) {
+            length = 4;
+            min = 0x10000;
+        } else {
+            return false;
+        }
+        if (i + length > n) return false;
+        char32_t cp = c & (0x7F >> length);
+        for (std::size_t k = 1; k < length; ++k) {
+            auto cc = static_cast<unsigned char>(s[i + k]);
+            if ((cc & 0xC0) != 0x80) return false;
+            cp = (cp << 6) | (cc & 0x3F);
+        }
+        if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
+        i += length;
+    }
+    return true;
+}
+
+// The text as the index reads files: valid UTF-8 (ill-formed sequences replaced), LF line ends.
+// NUL bytes become spaces, as some grammars' scanners take them for the end of input.
+// Returns false when the content can be used as it is.
+bool normalize(std::string_view content, std::string& out) {
+    bool has_cr = content.find('\r') != std::string_view::npos;
+    bool has_nul = std::memchr(content.data(), '\0', content.size()) != nullptr;
+    bool valid = is_valid_utf8(content);
+    if (!has_cr && !has_nul && valid) return false;
+    out = valid ? std::string(content) : text::decode_utf8_lenient(content);
+    if (has_cr) out = text::universal_newlines(out);
+    if (has_nul) std::replace(out.begin(), out.end(), '\0', ' ');
+    return true;
+}
+
+bool same_node(TSNode a, TSNode b) {
+    return a.id == b.id && ts_node_start_byte(a) == ts_node_start_byte(b);
+}
+
+int kind_priority(Kind kind) {
+    switch (kind) {
+        case Kind::variable:
+        case Kind::constant:
+        case Kind::field:
+        case Kind::property: return 0;
+        case Kind::type: return 1;
+        default: return 2;
+    }
+}
+
+int usage_priority(Usage usage) {
+    switch (usage) {
+        case Usage::type: return 0;
+        case Usage::import: return 1;
+        case Usage::call: return 2;
+        case Usage::inherit: return 3;
+    }
+    return 0;
+}
+
+bool is_scope(const RawDef& def) {
+    switch (def.kind) {
+        case Kind::type:
+        case Kind::variable:
+        case Kind::constant:
+        case Kind::field:
+        case Kind::property:
+        case Kind::declaration:
+        case Kind::member:
+        case Kind::typedef_: return false;
+        default: return true;
+    }
+}
+
+std::string join_name(std::string_view base, std::string_view name) {
+    if (base.empty()) return std::string(name);
+    if (name.empty()) return std::string(base);
+    std::string out;
+    out.reserve(base.size() + 1 + name.size());
+    out.append(base).push_back('.');
+    out.append(name);
+    return out;
+}
+
+std::string qualifier_of(std::string_view text, const RawRef& ref) {
+    constexpr std::size_t kMaxQualifier = 256;
+    if (ts_node_is_null(ref.callee) || ts_node_is_null(ref.name_node)) return {};
+    std::uint32_t start = ts_node_start_byte(ref.callee);
+    std::uint32_t end = ts_node_start_byte(ref.name_node);
+    if (end <= start || end > text.size()) return {};
+    std::string_view q = text.substr(start, end - start);
+    // What separates the qualifier from the name: ".", "::", "->", "?.", white space.
+    while (!q.empty()) {
+        char c = q.back();
+        if (c == '.' || c == ':' || c == '>' || c == '?' || c == ' ' || c == '\t' || c == '\n') {
+            if (c == '>' && !(q.size() >= 2 && q[q.size() - 2] == '-')) break;
+            q.remove_suffix(c == '>' ? 2 : 1);
+        } else {
+            break;
+        }
+    }
+    if (q.size() > 4 * kMaxQualifier) q = utf8_prefix(q, 4 * kMaxQualifier);
+    std::string folded = fold_whitespace(q);
+    if (folded.size() > kMaxQualifier) folded.resize(utf8_prefix(folded, kMaxQualifier).size());
+    return folded;
+}
+
+class Engine {
+public:
+    Engine(Context& ctx, const CompiledQuery& query, const LanguageRules& rules, TSQueryCursor* cursor)
+        : ctx_(ctx), query_(query), rules_(rules), cursor_(cursor) {}
+
+    void run(TSNode root) {
+        collect(root);
+        rules_.prepare(ctx_, captured_);
+        ctx_.module_name = rules_.module_name(ctx_);
+        ctx_.out.module_name = ctx_.module_name;
+        build_definitions();
+        for (TSNode node : import_nodes_) rules_.imports(ctx_, node, refs_);
+        emit_symbols();
+        emit_references();
+    }
+
+private:
+    void collect(TSNode root) {
+        ts_query_cursor_exec(cursor_, query_.query, root);
+        TSQueryMatch match;
+        while (ts_query_cursor_next_match(cursor_, &match)) {
+            if (!query_.predicates[match.pattern_index].empty() && !predicates_hold(query_, match, ctx_.text)) {
+                continue;
+            }
+            TSNode name{}, callee{}, def{}, ref{}, scope{}, scope_name{};
+            CaptureInfo def_info, ref_info;
+            bool anonymous_scope = false;
+            for (std::uint16_t i = 0; i < match.capture_count; ++i) {
+                const TSQueryCapture& capture = match.captures[i];
+                const CaptureInfo& info = query_.captures[capture.index];
+                switch (info.role) {
+                    case Role::ignore: break;
+                    case Role::name: name = capture.node; break;
+                    case Role::callee: callee = capture.node; break;
+                    case Role::definition:
+                        def = capture.node;
+                        def_info = info;
+                        break;
+                    case Role::reference:
+                        ref = capture.node;
+                        ref_info = info;
+                        break;
+                    case Role::import: import_nodes_.push_back(capture.node); break;
+                    case Role::comment: comments_.push_back(capture.node); break;
+                    case Role::package: ctx_.package = node_text(ctx_.text, capture.node); break;
+                    case Role::scope_impl: scope = capture.node; break;
+                    case Role::scope_name: scope_name = capture.node; break;
+                    case Role::scope_anonymous:
+                        scope = capture.node;
+                        anonymous_scope = true;
+                        break;
+                    case Role::export_name: ctx_.export_names.push_back(node_text(ctx_.text, capture.node)); break;
+                }
+            }
+            if (!ts_node_is_null(def)) {
+                RawDef d;
+                d.node = def;
+                d.outer = def;
+                d.name_node = name;
+                d.kind = def_info.kind;
+                d.hoisted = def_info.hoisted;
+                captured_.push_back(std::move(d));
+            }
+            if (!ts_node_is_null(ref)) {
+                RawRef r;
+                r.anchor = ref;
+                r.name_node = name;
+                r.callee = callee;
+                r.usage = ref_info.usage;
+                refs_.push_back(std::move(r));
+            }
+            if (!ts_node_is_null(scope)) {
+                RawDef frame;
+                frame.node = scope;
+                frame.outer = scope;
+                frame.kind = Kind::frame;
+                frame.internal = anonymous_scope;
+                frame.name_node = scope_name;
+                captured_.push_back(std::move(frame));
+            }
+        }
+        // Comments arrive in document order per pattern, but keep them sorted for lookups.
+        std::sort(comments_.begin(), comments_.end(), [](TSNode a, TSNode b) {
+            return ts_node_start_byte(a) < ts_node_start_byte(b);
+        });
+    }
+
+    void build_definitions() {
+        std::vector<RawDef> defs;
+        defs.reserve(captured_.size());
+        for (auto& raw : captured_) {
+            if (raw.kind == Kind::frame) {
+                raw.start_byte = ts_node_start_byte(raw.node);
+                raw.end_byte = ts_node_end_byte(raw.node);
+                rules_.definitions(ctx_, std::move(raw), defs);
+                continue;
+            }
+            raw.start_byte = ts_node_start_byte(raw.node);
+            raw.end_byte = ts_node_end_byte(raw.node);
+            rules_.definitions(ctx_, std::move(raw), defs);
+        }
+        captured_.clear();
+
+        std::stable_sort(defs.begin(), defs.end(), [](const RawDef& a, const RawDef& b) {
+            if (a.start_byte != b.start_byte) return a.start_byte < b.start_byte;
+            if (a.end_byte != b.end_byte) return a.end_byte > b.end_byte;
+            return a.name.data() < b.name.data();
+        });
+        // The same definition found by several patterns: keep the most specific kind.
+        std::vector<RawDef> unique;
+        unique.reserve(defs.size());
+        for (auto& d : defs) {
+            if (!unique.empty()) {
+                RawDef& last = unique.back();
+                if (same_node(last.node, d.node) && last.name == d.name && last.kind != Kind::frame &&
+                    d.kind != Kind::frame) {
+                    if (kind_priority(d.kind) > kind_priority(last.kind)) last = std::move(d);
+                    continue;
+                }
+            }
+            unique.push_back(std::move(d));
+        }
+        defs_ = std::move(unique);
+
+        // Nesting by node span. `container` is the innermost definition around (any kind);
+        // `parent` the innermost scope (what qualifies the name).
+        container_.assign(defs_.size(), std::nullopt);
+        std::vector<bool> dropped(defs_.size(), false);
+        std::vector<std::size_t> stack;
+        for (std::size_t i = 0; i < defs_.size(); ++i) {
+            RawDef& d = defs_[i];
+            while (!stack.empty()) {
+                const RawDef& top = defs_[stack.back()];
+                if (top.start_byte <= d.start_byte && d.end_byte <= top.end_byte) break;
+                stack.pop_back();
+            }
+            std::optional<std::size_t> parent;
+            for (std::size_t k = stack.size(); k-- > 0;) {
+                const RawDef& candidate = defs_[stack[k]];
+                if (same_node(candidate.node, d.node)) continue;
+                if (!container_[i]) container_[i] = stack[k];
+                if (is_scope(candidate)) {
+                    parent = stack[k];
+                    break;
+                }
+            }
+            if (parent && dropped[*parent]) {
+                dropped[i] = true;
+            } else if (parent && !rules_.keep_nested(d, defs_[*parent])) {
+                dropped[i] = true;
+            }
+            if (d.hoisted && parent && is_callable(defs_[*parent].kind)) parent = defs_[*parent].parent;
+            d.parent = parent;
+            stack.push_back(i);
+        }
+        if (std::find(dropped.begin(), dropped.end(), true) != dropped.end()) {
+            // Re-index without the dropped definitions.
+            std::vector<std::size_t> remap(defs_.size(), std::numeric_limits<std::size_t>::max());
+            std::vector<RawDef> kept;
+            std::vector<std::optional<std::size_t>> kept_container;
+            for (std::size_t i = 0; i < defs_.size(); ++i) {
+                if (dropped[i]) continue;
+                remap[i] = kept.size();
+                kept.push_back(std::move(defs_[i]));
+                kept_container.push_back(container_[i]);
+            }
+            auto fix = [&](std::optional<std::size_t>& index) {
+                while (index && remap[*index] == std::numeric_limits<std::size_t>::max()) index.reset();
+                if (index) index = remap[*index];
+            };
+            for (auto& d : kept) fix(d.parent);
+            for (auto& c : kept_container) fix(c);
+            defs_ = std::move(kept);
+            container_ = std::move(kept_container);
+        }
+
+        std::unordered_set<std::string_view> seen_fqns;
+        for (std::size_t i = 0; i < defs_.size(); ++i) {
+            RawDef& d = defs_[i];
+            const RawDef* parent = d.parent ? &defs_[*d.parent] : nullptr;
+            if (parent && d.kind == Kind::function &&
+                (is_type_like(parent->kind) || (parent->kind == Kind::frame && !parent->name.empty()))) {
+                d.kind = Kind::method;
+            }
+            std::string base = d.detached_scope || !parent ? ctx_.module_name : parent->fqn;
+            if (!d.scope.empty()) base = join_name(base, d.scope);
+            d.fqn = join_name(base, d.name);
+
+            if (d.internal) {
+                d.exported = false;
+            } else if (!parent) {
+                d.exported = d.own_export;
+            } else if (parent->kind == Kind::frame) {
+                d.exported = parent->exported && d.own_export;
+            } else if (is_callable(parent->kind)) {
+                d.exported = false;
+            } else {
+                d.exported = parent->exported && rules_.member_export(ctx_, d);
+            }
+            if (d.kind == Kind::frame && !d.internal) d.exported = parent ? parent->exported : true;
+            // An attribute assigned again (or declared in the class body too) is one symbol.
+            if (d.hoisted) {
+                d.suppressed = !seen_fqns.insert(d.fqn).second;
+            } else {
+                seen_fqns.insert(d.fqn);
+            }
+        }
+    }
+
+    // The output index of a definition's parent: frames stand for the type they implement
+    // (when it is in this file) or for their own parent; definitions qualified by a scope
+    // (Go receivers, C++ `A::f`) belong to that type when it is in this file.
+    std::optional<std::size_t> output_parent(std::size_t i) {
+        const RawDef& d = defs_[i];
+        if (!d.scope.empty()) {
+            std::string_view owner(d.fqn);
+            std::size_t dot = owner.size() - std::min(owner.size(), d.name.size() + 1);
+            owner = owner.substr(0, dot);
+            if (auto it = by_fqn_.find(owner); it != by_fqn_.end()) return it->second;
+        }
+        std::optional<std::size_t> p = d.parent;
+        while (p && defs_[*p].kind == Kind::frame) {
+            const RawDef& frame = defs_[*p];
+            if (!frame.name.empty()) {
+                if (auto it = by_fqn_.find(frame.fqn); it != by_fqn_.end()) return it->second;
+            }
+            p = frame.parent;
+        }
+        if (p) return output_index_[*p];
+        return std::nullopt;
+    }
+
+    void emit_symbols() {
+        output_index_.assign(defs_.size(), std::nullopt);
+        auto& symbols = ctx_.out.symbols;
+        symbols.reserve(defs_.size());
+        for (std::size_t i = 0; i < defs_.size(); ++i) {
+            const RawDef& d = defs_[i];
+            if (d.kind == Kind::frame || d.suppressed) continue;
+            output_index_[i] = symbols.size();
+            by_fqn_.emplace(d.fqn, symbols.size());
+            ExtractedSymbol s;
+            s.name = std::string(d.name);
+            s.fqn = d.fqn;
+            s.kind = std::string(kind_name(d.kind));
+            s.start_line = ts_node_start_point(d.outer).row + 1;
+            s.end_line = last_row(d.outer) + 1;
+            s.is_export = d.exported;
+            s.signature = rules_.signature(ctx_, d);
+            if (s.signature && s.signature->empty()) s.signature.reset();
+            std::optional<std::string> doc = rules_.docstring(ctx_, d, comments_);
+            if (doc && !doc->empty()) {
+                if (doc->size() > ctx_.options.docstring_limit) {
+                    doc->resize(utf8_prefix(*doc, ctx_.options.docstring_limit).size());
+                    s.docstring_truncated = true;
+                }
+                s.docstring = std::move(*doc);
+            }
+            symbols.push_back(std::move(s));
+        }
+        for (std::size_t i = 0; i < defs_.size(); ++i) {
+            if (!output_index_[i]) continue;
+            symbols[*output_index_[i]].parent = output_parent(i);
+        }
+    }
+
+    // The symbol whose definition encloses `byte`: the innermost one by span.
+    std::optional<std::size_t> caller_at(std::uint32_t byte) {
+        auto it = std::upper_bound(defs_.begin(), defs_.end(), byte,
+                                   [](std::uint32_t b, const RawDef& d) { return b < d.start_byte; });
+        if (it == defs_.begin()) return std::nullopt;
+        std::optional<std::size_t> i = static_cast<std::size_t>(it - defs_.begin()) - 1;
+        while (i) {
+            const RawDef& d = defs_[*i];
+            if (d.start_byte <= byte && byte < d.end_byte) break;
+            i = container_[*i];
+        }
+        while (i && !output_index_[*i]) {
+            // A frame: the type it implements when it is here, else what is around it.
+            const RawDef& frame = defs_[*i];
+            if (!frame.name.empty()) {
+                if (auto found = by_fqn_.find(frame.fqn); found != by_fqn_.end()) return found->second;
+            }
+            i = container_[*i];
+        }
+        if (i) return output_index_[*i];
+        return std::nullopt;
+    }
+
+    void emit_references() {
+        // Names of definitions are not uses of them.
+        std::vector<std::uint32_t> definition_names;
+        definition_names.reserve(defs_.size());
+        for (const auto& d : defs_) {
+            if (!ts_node_is_null(d.name_node)) definition_names.push_back(ts_node_start_byte(d.name_node));
+        }
+        std::sort(definition_names.begin(), definition_names.end());
+
+        std::vector<RawRef> kept;
+        kept.reserve(refs_.size());
+        for (auto& r : refs_) {
+            if (!r.name && !rules_.complete_reference(ctx_, r)) continue;
+            if (!r.name && ts_node_is_null(r.name_node)) continue;
+            if (!ts_node_is_null(r.name_node) && r.usage != Usage::import &&
+                std::binary_search(definition_names.begin(), definition_names.end(),
+                                   ts_node_start_byte(r.name_node))) {
+                continue;
+            }
+            kept.push_back(std::move(r));
+        }
+        auto position = [](const RawRef& r) {
+            TSNode at = ts_node_is_null(r.name_node) ? r.anchor : r.name_node;
+            return ts_node_start_byte(at);
+        };
+        std::stable_sort(kept.begin(), kept.end(),
+                         [&](const RawRef& a, const RawRef& b) { return position(a) < position(b); });
+
+        auto& out = ctx_.out.references;
+        out.reserve(kept.size());
+        const RawRef* previous = nullptr;
+        for (const auto& r : kept) {
+            // One use found by several patterns (a type that is also a base class): the most
+            // telling usage wins.
+            if (previous && !r.name && !previous->name && !ts_node_is_null(r.name_node) &&
+                same_node(r.name_node, previous->name_node)) {
+                int rank = usage_priority(r.usage);
+                int previous_rank = usage_priority(previous->usage);
+                std::string q = qualifier_of(ctx_.text, r);
+                if (rank > previous_rank) {
+                    out.back().usage_type = std::string(usage_name(r.usage));
+                    if (!q.empty()) out.back().qualifier = std::move(q);
+                } else if (rank == previous_rank && out.back().qualifier.empty()) {
+                    out.back().qualifier = std::move(q);
+                }
+                continue;
+            }
+            previous = &r;
+            TSNode at = ts_node_is_null(r.name_node) ? r.anchor : r.name_node;
+            TSPoint point = ts_node_start_point(at);
+            ExtractedReference e;
+            e.name = r.name ? *r.name : std::string(node_text(ctx_.text, r.name_node));
+            e.qualifier = r.qualifier ? *r.qualifier : qualifier_of(ctx_.text, r);
+            e.usage_type = std::string(usage_name(r.usage));
+            e.line = point.row + 1;
+            e.context = context_line(ctx_.lines, point.row, point.column);
+            e.caller = caller_at(ts_node_start_byte(at));
+            if (e.name.empty()) continue;
+            out.push_back(std::move(e));
+        }
+    }
+
+    Context& ctx_;
+    const CompiledQuery& query_;
+    const LanguageRules& rules_;
+    TSQueryCursor* cursor_;
+    std::vector<RawDef> captured_;
+    std::vector<RawRef> refs_;
+    std::vector<TSNode> comments_;
+    std::vector<TSNode> import_nodes_;
+    std::vector<RawDef> defs_;
+    std::vector<std::optional<std::size_t>> container_;
+    std::vector<std::optional<std::size_t>> output_index_;
+    std::unordered_map<std::string_view, std::size_t> by_fqn_;
+};
+
+// The parser reports progress every hundred or so operations. Ordinary code needs well under
+// one report per 30 bytes; error recovery on garbage can go on for minutes (seen with the TSX
+// grammar on random bytes), so parsing stops after a budget that grows with the file.
+struct ParseBudget {
+    std::uint64_t reports = 0;
+    std::uint64_t limit = 0;
+};
+
+bool over_budget(TSParseState* state) {
+    auto* budget = static_cast<ParseBudget*>(state->payload);
+    return ++budget->reports > budget->limit;
+}
+
+const char* read_text(void* payload, std::uint32_t byte, TSPoint, std::uint32_t* bytes_read) {
+    auto* text = static_cast<std::string_view*>(payload);
+    if (byte >= text->size()) {
+        *bytes_read = 0;
+        return "";
+    }
+    *bytes_read = static_cast<std::uint32_t>(text->size() - byte);
+    return text->data() + byte;
+}
+
+TSTree* parse_with_budget(TSParser* parser, std::string_view text) {
+    ParseBudget budget{0, 5000 + text.size() / 4};
+    TSInput input{};
+    input.payload = &text;
+    input.read = read_text;
+    input.encoding = TSInputEncodingUTF8;
+    TSParseOptions options{};
+    options.payload = &budget;
+    options.progress_callback = over_budget;
+    return ts_parser_parse_with_options(parser, nullptr, input, options);
+}
+
+}  // namespace
+
+struct Extractor::Impl {
+    ExtractorOptions options;
+    TSParser* parser = nullptr;
+    TSQueryCursor* cursor = nullptr;
+
+    explicit Impl(ExtractorOptions o) : options(o), parser(ts_parser_new()), cursor(ts_query_cursor_new()) {}
+    ~Impl() {
+        ts_query_cursor_delete(cursor);
+        ts_parser_delete(parser);
+    }
+    Impl(const Impl&) = delete;
+    Impl& operator=(const Impl&) = delete;
+};
+
+Extractor::Extractor(ExtractorOptions options) : impl_(std::make_unique<Impl>(options)) {}
+Extractor::~Extractor() = default;
+
+FileExtraction Extractor::extract(Language language, std::string_view path, std::string_view content) {
+    FileExtraction out;
+    std::string normalized;
+    std::string_view text = normalize(content, normalized) ? std::string_view(normalized) : content;
+
+    if (language == Language::markdown) {
+        extract_markdown(path, text, impl_->options, out);
+        return out;
+    }
+    if (!is_source_language(language)) {
+        out.module_name = dotted_path_module(path, false);
+        return out;
+    }
+    // Offsets are 32-bit in the parser.
+    if (text.size() >= std::numeric_limits<std::uint32_t>::max()) {
+        out.has_syntax_errors = true;
+        return out;
+    }
+
+    const CompiledQuery& query = compiled_query(language);
+    if (!ts_parser_set_language(impl_->parser, query.language)) {
+        out.has_syntax_errors = true;
+        return out;
+    }
+    TSTree* tree = parse_with_budget(impl_->parser, text);
+    if (tree == nullptr) {
+        ts_parser_reset(impl_->parser);
+        out.module_name = rules_for(language).module_name(
+            Context{language, path, text, LineIndex(std::string_view{}), impl_->options, out, {}, {}, false, {}, false});
+        out.has_syntax_errors = true;
+        out.parse_abandoned = true;
+        return out;
+    }
+    struct TreeGuard {
+        TSTree* tree;
+        ~TreeGuard() { ts_tree_delete(tree); }
+    } guard{tree};
+
+    TSNode root = ts_tree_root_node(tree);
+    out.has_syntax_errors = ts_node_has_error(root);
+
+    LineIndex lines(text);
+    Context ctx{language, path, text, lines, impl_->options, out, {}, {}, false, {}, false};
+    Engine engine(ctx, query, rules_for(language), impl_->cursor);
+    engine.run(root);
+    return out;
+}
+
+}  // namespace orvane_kestrix::indexer

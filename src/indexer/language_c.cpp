@@ -1,0 +1,364 @@
+// C and C++: names read out of declarators, out-of-line `A::f` qualified by its class,
+// namespaces, typedefs, access sections, `static` and header exports, includes.
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "extract_internal.hpp"
+
+namespace orvane_kestrix::indexer::detail {
+
+namespace {
+
+struct Declared {
+    TSNode name{};
+    bool function = false;
+};
+
+bool is_name_node(std::string_view type) {
+    return type == "identifier" || type == "field_identifier" || type == "type_identifier" ||
+           type == "qualified_identifier" || type == "destructor_name" || type == "operator_name" ||
+           type == "template_function" || type == "operator_cast" || type == "primitive_type";
+}
+
+// Descends pointer, reference, array, init and parenthesised declarators to the declared name.
+// A function declarator directly around the name makes a function; one around a parenthesised
+// declarator (`int (*fp)(int)`) is a pointer to a function, so a variable.
+Declared resolve_declarator(TSNode d) {
+    Declared out;
+    for (int guard = 0; guard < 64 && !ts_node_is_null(d); ++guard) {
+        std::string_view type = ts_node_type(d);
+        if (is_name_node(type)) {
+            out.name = d;
+            return out;
+        }
+        if (type == "function_declarator") {
+            TSNode inner = child_by_field(d, "declarator");
+            if (!ts_node_is_null(inner) && is_name_node(ts_node_type(inner))) out.function = true;
+            d = inner;
+            continue;
+        }
+        TSNode inner = child_by_field(d, "declarator");
+        if (ts_node_is_null(inner)) {
+            // reference_declarator, parenthesized_declarator: the declarator is a plain child.
+            std::uint32_t count = ts_node_named_child_count(d);
+            for (std::uint32_t i = 0; i < count; ++i) {
+                TSNode child = ts_node_named_child(d, i);
+                std::string_view child_type = ts_node_type(child);
+                if (is_name_node(child_type) || child_type.ends_with("declarator")) {
+                    inner = child;
+                    break;
+                }
+            }
+        }
+        d = inner;
+    }
+    return {};
+}
+
+// `a::b::f` -> name node f, scope "a.b"; template arguments in the scope are dropped.
+TSNode split_qualified(std::string_view text, TSNode qualified, std::string& scope) {
+    TSNode name = qualified;
+    while (node_is(name, "qualified_identifier")) name = child_by_field(name, "name");
+    if (node_is(name, "template_function") || node_is(name, "template_type")) name = child_by_field(name, "name");
+    if (ts_node_is_null(name)) return name;
+    std::string_view prefix = text.substr(ts_node_start_byte(qualified),
+                                          ts_node_start_byte(name) - ts_node_start_byte(qualified));
+    scope.clear();
+    int depth = 0;
+    for (std::size_t i = 0; i < prefix.size(); ++i) {
+        char c = prefix[i];
+        if (c == '<') ++depth;
+        else if (c == '>') depth = depth > 0 ? depth - 1 : 0;
+        else if (depth > 0 || c == ' ' || c == '\t' || c == '\n') continue;
+        else if (c == ':' && i + 1 < prefix.size() && prefix[i + 1] == ':') {
+            if (!scope.empty()) scope.push_back('.');
+            ++i;
+        } else {
+            scope.push_back(c);
+        }
+    }
+    while (!scope.empty() && scope.back() == '.') scope.pop_back();
+    while (!scope.empty() && scope.front() == '.') scope.erase(0, 1);
+    return name;
+}
+
+bool has_storage(const Context& ctx, TSNode declaration, std::string_view word) {
+    std::uint32_t count = ts_node_named_child_count(declaration);
+    for (std::uint32_t i = 0; i < count; ++i) {
+        TSNode child = ts_node_named_child(declaration, i);
+        if (node_is(child, "storage_class_specifier") && node_text(ctx.text, child) == word) return true;
+    }
+    return false;
+}
+
+bool is_const(const Context& ctx, TSNode declaration) {
+    std::uint32_t count = ts_node_named_child_count(declaration);
+    for (std::uint32_t i = 0; i < count; ++i) {
+        TSNode child = ts_node_named_child(declaration, i);
+        if (node_is(child, "type_qualifier")) {
+            std::string_view word = node_text(ctx.text, child);
+            if (word == "const" || word == "constexpr" || word == "constinit") return true;
+        }
+    }
+    return false;
+}
+
+bool is_header_path(std::string_view path) {
+    for (std::string_view ext : {".h", ".hh", ".hpp", ".hxx", ".h++", ".inl", ".ipp", ".tpp"}) {
+        if (path.size() > ext.size() && path.ends_with(ext)) return true;
+    }
+    return false;
+}
+
+// Widens a definition to the template declarations around it.
+TSNode with_templates(TSNode node) {
+    TSNode outer = node;
+    for (TSNode parent = ts_node_parent(outer); node_is(parent, "template_declaration"); parent = ts_node_parent(parent)) {
+        outer = parent;
+    }
+    return outer;
+}
+
+class CRules final : public LanguageRules {
+public:
+    void prepare(Context& ctx, const std::vector<RawDef>&) const override {
+        ctx.is_header = is_header_path(ctx.path);
+    }
+
+    void definitions(Context& ctx, RawDef def, std::vector<RawDef>& out) const override {
+        std::string_view type = ts_node_type(def.node);
+        if (def.kind == Kind::frame) {
+            out.push_back(std::move(def));
+            return;
+        }
+        bool file_local = false;
+        switch (def.kind) {
+            case Kind::function:
+                if (type == "preproc_function_def") {
+                    if (!named(ctx, def)) return;
+                    def.own_export = ctx.is_header;
+                    out.push_back(std::move(def));
+                    return;
+                }
+                file_local = has_storage(ctx, def.node, "static");
+                def.outer = with_templates(def.node);
+                {
+                    Declared declared = resolve_declarator(child_by_field(def.node, "declarator"));
+                    declared.function = true;
+                    add_declared(ctx, std::move(def), declared, file_local, out);
+                }
+                return;
+            case Kind::declaration: {
+                if (!ts_node_is_null(child_by_field(def.node, "declarator"))) {
+                    file_local = has_storage(ctx, def.node, "static");
+                    def.outer = with_templates(def.node);
+                    bool constant = is_const(ctx, def.node);
+                    for_each_declarator(def.node, [&](TSNode declarator) {
+                        RawDef one = def;
+                        Declared declared = resolve_declarator(declarator);
+                        one.kind = declared.function ? Kind::function : constant ? Kind::constant : Kind::variable;
+                        add_declared(ctx, std::move(one), declared, file_local, out);
+                    });
+                }
+                return;
+            }
+            case Kind::member: {
+                for_each_declarator(def.node, [&](TSNode declarator) {
+                    RawDef one = def;
+                    Declared declared = resolve_declarator(declarator);
+                    one.kind = declared.function ? Kind::method : Kind::field;
+                    add_declared(ctx, std::move(one), declared, false, out);
+                });
+                return;
+            }
+            case Kind::typedef_: {
+                TSNode aggregate = child_by_field(def.node, "type");
+                bool anonymous_body = !ts_node_is_null(child_by_field(aggregate, "body")) &&
+                                      ts_node_is_null(child_by_field(aggregate, "name"));
+                for_each_declarator(def.node, [&](TSNode declarator) {
+                    RawDef one = def;
+                    Declared declared = resolve_declarator(declarator);
+                    one.kind = Kind::type;
+                    // `typedef struct { ... } point_t;` is the struct's only name.
+                    if (anonymous_body) one.kind = node_is(aggregate, "enum_specifier") ? Kind::enum_ : Kind::struct_;
+                    declared.function = false;
+                    add_declared(ctx, std::move(one), declared, false, out);
+                });
+                return;
+            }
+            case Kind::namespace_: {
+                if (ts_node_is_null(def.name_node)) return;
+                if (node_is(def.name_node, "nested_namespace_specifier")) {
+                    // namespace a::b { } -> "b" in scope "a"
+                    std::uint32_t count = ts_node_named_child_count(def.name_node);
+                    if (count == 0) return;
+                    TSNode last = ts_node_named_child(def.name_node, count - 1);
+                    for (std::uint32_t i = 0; i + 1 < count; ++i) {
+                        if (!def.scope.empty()) def.scope.push_back('.');
+                        def.scope.append(node_text(ctx.text, ts_node_named_child(def.name_node, i)));
+                    }
+                    def.name_node = last;
+                }
+                if (!named(ctx, def)) return;
+                def.own_export = true;
+                out.push_back(std::move(def));
+                return;
+            }
+            default:
+                // struct, union, enum, class, alias, macro constants
+                if (!named(ctx, def)) return;
+                if (type == "preproc_def") {
+                    def.own_export = ctx.is_header;
+                } else {
+                    def.outer = with_templates(def.node);
+                    def.own_export = true;
+                }
+                out.push_back(std::move(def));
+                return;
+        }
+    }
+
+    // Nothing inside function bodies: local declarations (and `T x(a);`, which parses as a
+    // function declaration) are not symbols.
+    bool keep_nested(const RawDef&, const RawDef& parent) const override {
+        return !is_callable(parent.kind);
+    }
+
+    std::string module_name(const Context&) const override { return {}; }
+
+    // Members of classes: the access section decides; members of namespaces: their own rule.
+    bool member_export(const Context& ctx, const RawDef& def) const override {
+        TSNode list = ts_node_parent(def.node);
+        if (!node_is(list, "field_declaration_list")) return def.own_export;
+        TSNode owner = ts_node_parent(list);
+        bool is_public = !node_is(owner, "class_specifier");
+        std::uint32_t target = ts_node_start_byte(def.node);
+        TSTreeCursor cursor = ts_tree_cursor_new(list);
+        if (ts_tree_cursor_goto_first_child(&cursor)) {
+            do {
+                TSNode child = ts_tree_cursor_current_node(&cursor);
+                if (ts_node_start_byte(child) >= target) break;
+                if (node_is(child, "access_specifier")) {
+                    std::string_view word = node_text(ctx.text, child);
+                    is_public = word.starts_with("public");
+                }
+            } while (ts_tree_cursor_goto_next_sibling(&cursor));
+        }
+        ts_tree_cursor_delete(&cursor);
+        return is_public;
+    }
+
+    std::optional<std::string> signature(const Context& ctx, const RawDef& def) const override {
+        std::string head;
+        if (node_is(def.node, "function_definition")) {
+            // Up to the body, or to a constructor's initialiser list.
+            TSNode stop = child_of_type(def.node, "field_initializer_list");
+            if (ts_node_is_null(stop)) stop = child_by_field(def.node, "body");
+            std::uint32_t start = ts_node_start_byte(def.node);
+            std::uint32_t end = ts_node_is_null(stop) ? ts_node_end_byte(def.node) : ts_node_start_byte(stop);
+            head = fold_whitespace(utf8_prefix(ctx.text.substr(start, end - start), 1200));
+            if (head.size() > 300) head = std::string(utf8_prefix(head, 300)) + " ...";
+        } else if (node_is(def.node, "type_definition")) {
+            // typedef struct tag { ... } name_t;
+            TSNode aggregate = child_by_field(def.node, "type");
+            TSNode body = child_by_field(aggregate, "body");
+            if (!ts_node_is_null(body)) {
+                std::uint32_t start = ts_node_start_byte(def.node);
+                head = fold_whitespace(ctx.text.substr(start, ts_node_start_byte(body) - start));
+                head += " { ... } ";
+                head += def.name;
+            } else {
+                head = head_signature(ctx.text, def.node, def.node);
+            }
+        } else {
+            head = head_signature(ctx.text, def.node, def.node);
+        }
+        while (!head.empty() && (head.back() == ';' || head.back() == ' ')) head.pop_back();
+        return head;
+    }
+
+    bool complete_reference(const Context&, RawRef& ref) const override {
+        if (ts_node_is_null(ref.name_node) && node_is(ref.callee, "qualified_identifier")) {
+            TSNode name = ref.callee;
+            while (node_is(name, "qualified_identifier")) name = child_by_field(name, "name");
+            if (node_is(name, "template_function")) name = child_by_field(name, "name");
+            ref.name_node = name;
+        }
+        return !ts_node_is_null(ref.name_node);
+    }
+
+    void imports(Context& ctx, TSNode node, std::vector<RawRef>& refs) const override {
+        TSNode path = child_by_field(node, "path");
+        if (ts_node_is_null(path)) return;
+        std::string module;
+        std::string_view written = node_text(ctx.text, path);
+        std::string_view file = written;
+        if (node_is(path, "string_literal")) {
+            if (file.size() >= 2 && file.front() == '"' && file.back() == '"') file = file.substr(1, file.size() - 2);
+            module = std::string(file);
+        } else if (node_is(path, "system_lib_string")) {
+            // Kept with its brackets: a system header, not a file of the repository.
+            module = std::string(written);
+            if (file.size() >= 2) file = file.substr(1, file.size() - 2);
+        } else {
+            return;  // #include MACRO
+        }
+        std::size_t slash = file.find_last_of('/');
+        RawRef ref;
+        ref.anchor = path;
+        ref.usage = Usage::import;
+        ref.name = std::string(slash == std::string_view::npos ? file : file.substr(slash + 1));
+        ref.qualifier = std::string(slash == std::string_view::npos ? std::string_view{} : file.substr(0, slash));
+        refs.push_back(std::move(ref));
+        add_import(ctx, std::move(module), {}, std::nullopt, node);
+    }
+
+private:
+    static bool named(const Context& ctx, RawDef& def) {
+        if (ts_node_is_null(def.name_node)) return false;
+        def.name = node_text(ctx.text, def.name_node);
+        return !def.name.empty();
+    }
+
+    template <typename F>
+    static void for_each_declarator(TSNode node, F&& f) {
+        TSTreeCursor cursor = ts_tree_cursor_new(node);
+        if (ts_tree_cursor_goto_first_child(&cursor)) {
+            do {
+                const char* field = ts_tree_cursor_current_field_name(&cursor);
+                if (field != nullptr && std::string_view(field) == "declarator") f(ts_tree_cursor_current_node(&cursor));
+            } while (ts_tree_cursor_goto_next_sibling(&cursor));
+        }
+        ts_tree_cursor_delete(&cursor);
+    }
+
+    void add_declared(Context& ctx, RawDef def, Declared declared, bool file_local, std::vector<RawDef>& out) const {
+        if (ts_node_is_null(declared.name)) return;
+        TSNode name = declared.name;
+        if (node_is(name, "qualified_identifier")) {
+            name = split_qualified(ctx.text, name, def.scope);
+            if (ts_node_is_null(name)) return;
+            // Out of line: `A::f` is a member of A (or a function of namespace A).
+            if (declared.function) def.kind = Kind::method;
+        } else if (node_is(name, "template_function")) {
+            name = child_by_field(name, "name");
+        }
+        if (ts_node_is_null(name)) return;
+        def.name_node = name;
+        def.name = node_text(ctx.text, name);
+        if (def.name.empty()) return;
+        def.own_export = ctx.is_header || !file_local;
+        out.push_back(std::move(def));
+    }
+};
+
+}  // namespace
+
+const LanguageRules& c_rules() {
+    static const CRules rules;
+    return rules;
+}
+
+}  // namespace orvane_kestrix::indexer::detail

@@ -1,0 +1,170 @@
+// Python: module names from paths, __all__ and underscore exports, body docstrings, imports.
+
+#include <algorithm>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "extract_internal.hpp"
+
+namespace orvane_kestrix::indexer::detail {
+
+namespace {
+
+class PythonRules final : public LanguageRules {
+public:
+    // __all__ = [...] / (...) at module level names the exports exactly.
+    void prepare(Context& ctx, const std::vector<RawDef>& defs) const override {
+        for (const auto& def : defs) {
+            if (def.kind != Kind::variable || ts_node_is_null(def.name_node)) continue;
+            if (node_text(ctx.text, def.name_node) != "__all__") continue;
+            TSNode value = child_by_field(def.node, "right");
+            if (!node_is(value, "list") && !node_is(value, "tuple")) continue;
+            ctx.has_export_list = true;
+            std::uint32_t count = ts_node_named_child_count(value);
+            for (std::uint32_t i = 0; i < count; ++i) {
+                TSNode item = ts_node_named_child(value, i);
+                if (!node_is(item, "string")) continue;
+                TSNode content = child_of_type(item, "string_content");
+                if (!ts_node_is_null(content)) ctx.export_names.push_back(node_text(ctx.text, content));
+            }
+        }
+    }
+
+    void definitions(Context& ctx, RawDef def, std::vector<RawDef>& out) const override {
+        if (ts_node_is_null(def.name_node)) return;
+        def.name = node_text(ctx.text, def.name_node);
+        if (def.name.empty()) return;
+        TSNode parent = ts_node_parent(def.node);
+        if (def.kind == Kind::class_ || def.kind == Kind::function) {
+            if (node_is(parent, "decorated_definition")) def.outer = parent;
+        } else if (node_is(parent, "expression_statement")) {
+            def.outer = parent;
+        }
+        if (def.kind == Kind::variable && is_upper_snake(def.name)) def.kind = Kind::constant;
+        if (ctx.has_export_list) {
+            def.own_export = std::find(ctx.export_names.begin(), ctx.export_names.end(), def.name) !=
+                             ctx.export_names.end();
+        } else {
+            def.own_export = !def.name.starts_with('_');
+        }
+        out.push_back(std::move(def));
+    }
+
+    // "pkg/mod.py" -> "pkg.mod"; a package's __init__.py is the package itself.
+    std::string module_name(const Context& ctx) const override {
+        std::string module = dotted_path_module(ctx.path, true);
+        if (module == "__init__") return {};
+        if (module.ends_with(".__init__")) module.resize(module.size() - 9);
+        return module;
+    }
+
+    bool member_export(const Context&, const RawDef& def) const override {
+        return !def.name.starts_with('_');
+    }
+
+    std::optional<std::string> docstring(const Context& ctx, const RawDef& def,
+                                         const std::vector<TSNode>& comments) const override {
+        if (def.kind == Kind::class_ || def.kind == Kind::function || def.kind == Kind::method) {
+            TSNode body = child_by_field(def.node, "body");
+            if (!ts_node_is_null(body) && ts_node_named_child_count(body) > 0) {
+                TSNode first = ts_node_named_child(body, 0);
+                if (node_is(first, "expression_statement") && ts_node_named_child_count(first) == 1) {
+                    TSNode literal = ts_node_named_child(first, 0);
+                    if (node_is(literal, "string")) {
+                        std::string doc = clean_python_docstring(node_text(ctx.text, literal));
+                        if (!doc.empty()) return doc;
+                    }
+                }
+            }
+        }
+        return comment_block_above(ctx, ts_node_start_point(def.outer).row, comments);
+    }
+
+    std::optional<std::string> signature(const Context& ctx, const RawDef& def) const override {
+        std::string head = head_signature(ctx.text, def.node, def.node);
+        if (def.kind == Kind::class_ || def.kind == Kind::function || def.kind == Kind::method) {
+            while (!head.empty() && (head.back() == ':' || head.back() == ' ')) head.pop_back();
+        }
+        return head;
+    }
+
+    void imports(Context& ctx, TSNode node, std::vector<RawRef>& refs) const override {
+        auto import_ref = [&](TSNode at, std::string name, std::string qualifier) {
+            RawRef ref;
+            ref.anchor = at;
+            ref.usage = Usage::import;
+            ref.name = std::move(name);
+            ref.qualifier = std::move(qualifier);
+            refs.push_back(std::move(ref));
+        };
+        auto split_last = [](std::string_view dotted) {
+            std::size_t dot = dotted.find_last_of('.');
+            if (dot == std::string_view::npos) return std::pair{std::string(), std::string(dotted)};
+            return std::pair{std::string(dotted.substr(0, dot)), std::string(dotted.substr(dot + 1))};
+        };
+
+        if (node_is(node, "import_statement")) {
+            // import a.b, c as d
+            std::uint32_t count = ts_node_named_child_count(node);
+            for (std::uint32_t i = 0; i < count; ++i) {
+                TSNode item = ts_node_named_child(node, i);
+                TSNode dotted = item;
+                std::optional<std::string> alias;
+                if (node_is(item, "aliased_import")) {
+                    dotted = child_by_field(item, "name");
+                    TSNode alias_node = child_by_field(item, "alias");
+                    if (!ts_node_is_null(alias_node)) alias = std::string(node_text(ctx.text, alias_node));
+                }
+                if (!node_is(dotted, "dotted_name")) continue;
+                std::string module = fold_whitespace(node_text(ctx.text, dotted));
+                auto [qualifier, name] = split_last(module);
+                import_ref(dotted, std::move(name), std::move(qualifier));
+                add_import(ctx, std::move(module), {}, std::move(alias), dotted);
+            }
+            return;
+        }
+
+        // from .mod import a, b as c / from pkg import *
+        TSNode module_node = child_by_field(node, "module_name");
+        if (ts_node_is_null(module_node)) return;
+        std::string module = fold_whitespace(node_text(ctx.text, module_node));
+        std::vector<std::string> names;
+        std::optional<std::string> alias;
+        std::size_t aliased = 0;
+        std::uint32_t count = ts_node_named_child_count(node);
+        for (std::uint32_t i = 0; i < count; ++i) {
+            TSNode item = ts_node_named_child(node, i);
+            if (ts_node_eq(item, module_node)) continue;
+            if (node_is(item, "wildcard_import")) {
+                names.emplace_back("*");
+                continue;
+            }
+            TSNode dotted = item;
+            if (node_is(item, "aliased_import")) {
+                dotted = child_by_field(item, "name");
+                TSNode alias_node = child_by_field(item, "alias");
+                if (!ts_node_is_null(alias_node)) {
+                    alias = std::string(node_text(ctx.text, alias_node));
+                    ++aliased;
+                }
+            }
+            if (!node_is(dotted, "dotted_name")) continue;
+            std::string name = fold_whitespace(node_text(ctx.text, dotted));
+            import_ref(dotted, name, module);
+            names.push_back(std::move(name));
+        }
+        // One alias can only be told apart when one name is imported.
+        if (names.size() != 1 || aliased != 1) alias.reset();
+        add_import(ctx, std::move(module), std::move(names), std::move(alias), node);
+    }
+};
+
+}  // namespace
+
+const LanguageRules& python_rules() {
+    static const PythonRules rules;
+    return rules;
+}
+
+}  // namespace orvane_kestrix::indexer::detail

@@ -1,0 +1,198 @@
+// Rust: module paths from file paths, impl blocks as scopes, `pub` exports, doc comments above
+// attributes, `use` trees.
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "extract_internal.hpp"
+
+namespace orvane_kestrix::indexer::detail {
+
+namespace {
+
+// The name of an impl's type: `Foo`, `Foo<T>`, `a::Foo`, `&Foo` all give Foo.
+TSNode type_name_node(TSNode type) {
+    for (int guard = 0; guard < 8 && !ts_node_is_null(type); ++guard) {
+        std::string_view kind = ts_node_type(type);
+        if (kind == "type_identifier" || kind == "primitive_type") return type;
+        if (kind == "generic_type") type = child_by_field(type, "type");
+        else if (kind == "scoped_type_identifier") type = child_by_field(type, "name");
+        else if (kind == "reference_type" || kind == "pointer_type") type = child_by_field(type, "type");
+        else break;
+    }
+    return TSNode{};
+}
+
+bool is_pub(const Context& ctx, TSNode item) {
+    TSNode visibility = child_of_type(item, "visibility_modifier");
+    return !ts_node_is_null(visibility) && node_text(ctx.text, visibility) == "pub";
+}
+
+// The item's enclosing block owner: trait_item, impl_item, mod_item... or null at file level.
+TSNode block_owner(TSNode item) {
+    TSNode list = ts_node_parent(item);
+    if (!node_is(list, "declaration_list")) return TSNode{};
+    return ts_node_parent(list);
+}
+
+class RustRules final : public LanguageRules {
+public:
+    void definitions(Context& ctx, RawDef def, std::vector<RawDef>& out) const override {
+        if (def.kind == Kind::frame) {
+            TSNode name = type_name_node(def.name_node);
+            if (ts_node_is_null(name)) return;
+            def.name = node_text(ctx.text, name);
+            def.name_node = TSNode{};  // the type is a use, not a definition
+            def.own_export = true;
+            out.push_back(std::move(def));
+            return;
+        }
+        if (ts_node_is_null(def.name_node)) return;
+        def.name = node_text(ctx.text, def.name_node);
+        if (def.name.empty()) return;
+        TSNode owner = block_owner(def.node);
+        if (node_is(owner, "trait_item")) {
+            def.own_export = true;  // as visible as the trait
+        } else if (node_is(owner, "impl_item") && !ts_node_is_null(child_by_field(owner, "trait"))) {
+            def.own_export = true;  // a trait's method, as visible as the trait
+        } else {
+            def.own_export = is_pub(ctx, def.node);
+        }
+        out.push_back(std::move(def));
+    }
+
+    // "src/a/b.rs" -> "a.b", "src/a/mod.rs" -> "a", "src/lib.rs" -> "" (the crate root),
+    // "tests/x.rs" -> "x" (each integration test is a crate).
+    std::string module_name(const Context& ctx) const override {
+        std::string_view path = ctx.path;
+        std::size_t cut = 0;
+        std::size_t pos = 0;
+        while (pos < path.size()) {
+            std::size_t next = path.find('/', pos);
+            if (next == std::string_view::npos) break;
+            std::string_view part = path.substr(pos, next - pos);
+            if (part == "src" || part == "tests" || part == "benches" || part == "examples") cut = next + 1;
+            pos = next + 1;
+        }
+        if (cut == 0) {
+            std::size_t slash = path.find_last_of('/');
+            cut = slash == std::string_view::npos ? 0 : slash + 1;
+        }
+        std::string module = dotted_path_module(path.substr(cut), false);
+        for (std::string_view root : {"lib", "main", "mod"}) {
+            if (module == root) return {};
+            std::string suffix = "." + std::string(root);
+            if (module.ends_with(suffix)) {
+                module.resize(module.size() - suffix.size());
+                break;
+            }
+        }
+        return module;
+    }
+
+    std::optional<std::string> docstring(const Context& ctx, const RawDef& def,
+                                         const std::vector<TSNode>& comments) const override {
+        // Doc comments come before the attributes (`#[derive(...)]`).
+        TSNode anchor = def.outer;
+        for (TSNode previous = ts_node_prev_named_sibling(anchor);
+             node_is(previous, "attribute_item") && last_row(previous) + 1 >= ts_node_start_point(anchor).row;
+             previous = ts_node_prev_named_sibling(previous)) {
+            anchor = previous;
+        }
+        return comment_block_above(ctx, ts_node_start_point(anchor).row, comments);
+    }
+
+    std::optional<std::string> signature(const Context& ctx, const RawDef& def) const override {
+        std::string head = head_signature(ctx.text, def.node, def.node);
+        while (!head.empty() && (head.back() == ';' || head.back() == ' ' || head.back() == ',')) head.pop_back();
+        return head;
+    }
+
+    // `Self` names the type being implemented, which the impl block already records.
+    bool complete_reference(const Context& ctx, RawRef& ref) const override {
+        return !ts_node_is_null(ref.name_node) &&
+               !(ref.usage == Usage::type && node_text(ctx.text, ref.name_node) == "Self");
+    }
+
+    void imports(Context& ctx, TSNode node, std::vector<RawRef>& refs) const override {
+        TSNode argument = child_by_field(node, "argument");
+        if (ts_node_is_null(argument)) return;
+        add_tree(ctx, node, argument, "", refs);
+    }
+
+private:
+    static std::string join(std::string_view prefix, std::string_view path) {
+        if (prefix.empty()) return std::string(path);
+        if (path.empty()) return std::string(prefix);
+        return std::string(prefix) + "::" + std::string(path);
+    }
+
+    static void import_ref(TSNode at, std::string_view path, std::vector<RawRef>& refs) {
+        std::size_t sep = path.rfind("::");
+        RawRef ref;
+        ref.anchor = at;
+        ref.usage = Usage::import;
+        ref.name = std::string(sep == std::string_view::npos ? path : path.substr(sep + 2));
+        ref.qualifier = std::string(sep == std::string_view::npos ? std::string_view{} : path.substr(0, sep));
+        refs.push_back(std::move(ref));
+    }
+
+    // One `use` tree: a path, `path as alias`, `path::*` or `path::{...}` (nested).
+    void add_tree(Context& ctx, TSNode statement, TSNode tree, const std::string& prefix,
+                  std::vector<RawRef>& refs) const {
+        std::string_view kind = ts_node_type(tree);
+        if (kind == "use_as_clause") {
+            std::string module = join(prefix, fold_whitespace(node_text(ctx.text, child_by_field(tree, "path"))));
+            TSNode alias = child_by_field(tree, "alias");
+            import_ref(tree, module, refs);
+            add_import(ctx, module, {}, std::string(node_text(ctx.text, alias)), statement);
+        } else if (kind == "use_wildcard") {
+            TSNode path = ts_node_named_child(tree, 0);
+            std::string module = join(prefix, ts_node_is_null(path) ? "" : fold_whitespace(node_text(ctx.text, path)));
+            add_import(ctx, module, {"*"}, std::nullopt, statement);
+        } else if (kind == "scoped_use_list" || kind == "use_list") {
+            std::string module = prefix;
+            TSNode list = tree;
+            if (kind == "scoped_use_list") {
+                TSNode path = child_by_field(tree, "path");
+                if (!ts_node_is_null(path)) module = join(prefix, fold_whitespace(node_text(ctx.text, path)));
+                list = child_by_field(tree, "list");
+            }
+            std::vector<std::string> names;
+            std::uint32_t count = ts_node_named_child_count(list);
+            for (std::uint32_t i = 0; i < count; ++i) {
+                TSNode item = ts_node_named_child(list, i);
+                std::string_view item_kind = ts_node_type(item);
+                if (item_kind == "identifier" || item_kind == "self" || item_kind == "crate" || item_kind == "super") {
+                    std::string_view name = node_text(ctx.text, item);
+                    names.emplace_back(name);
+                    RawRef ref;
+                    ref.anchor = item;
+                    ref.usage = Usage::import;
+                    ref.name = std::string(name);
+                    ref.qualifier = module;
+                    refs.push_back(std::move(ref));
+                } else if (item_kind == "line_comment" || item_kind == "block_comment") {
+                    continue;
+                } else {
+                    add_tree(ctx, statement, item, module, refs);
+                }
+            }
+            if (!names.empty()) add_import(ctx, module, std::move(names), std::nullopt, statement);
+        } else {
+            std::string module = join(prefix, fold_whitespace(node_text(ctx.text, tree)));
+            import_ref(tree, module, refs);
+            add_import(ctx, module, {}, std::nullopt, statement);
+        }
+    }
+};
+
+}  // namespace
+
+const LanguageRules& rust_rules() {
+    static const RustRules rules;
+    return rules;
+}
+
+}  // namespace orvane_kestrix::indexer::detail

@@ -1,0 +1,370 @@
+// Extraction of symbols, references and imports: golden files over the sample repository, and
+// inputs that must not break the parser (empty, invalid UTF-8, NUL bytes, syntax errors, huge
+// lines, long docstrings, random bytes).
+//
+// KESTRIX_UPDATE_GOLDEN=1 rewrites tests/golden/symbols/ from the current output; review the diff.
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "orvane_kestrix/indexer/extraction.hpp"
+
+namespace fs = std::filesystem;
+using namespace orvane_kestrix::indexer;
+
+namespace {
+
+const fs::path kSampleRepo = fs::path(KESTRIX_TEST_DATA) / "sample_repo";
+const fs::path kGoldenDir = fs::path(KESTRIX_TEST_DATA) / "golden" / "symbols";
+
+std::string read_file(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+std::string escape(const std::string& s) {
+    std::string out;
+    for (char c : s) {
+        if (c == '\n') out += "\\n";
+        else if (c == '\t') out += "\\t";
+        else if (c == '\\') out += "\\\\";
+        else out += c;
+    }
+    return out;
+}
+
+// One line per symbol, reference and import, tab-separated.
+std::string render(const FileExtraction& x) {
+    std::ostringstream out;
+    out << "module\t" << x.module_name << "\n";
+    out << "syntax_errors\t" << (x.has_syntax_errors ? "yes" : "no") << "\n";
+    out << "# symbol\tkind\tfqn\tlines\texport\tparent\tsignature\tdocstring\n";
+    for (const auto& s : x.symbols) {
+        out << "symbol\t" << s.kind << "\t" << s.fqn << "\t" << s.start_line << "-" << s.end_line << "\t"
+            << (s.is_export ? "export" : "-") << "\t" << (s.parent ? x.symbols.at(*s.parent).fqn : "-") << "\t"
+            << escape(s.signature.value_or("-")) << "\t" << escape(s.docstring.value_or("-"))
+            << (s.docstring_truncated ? "\t[truncated]" : "") << "\n";
+        if (s.name != s.fqn.substr(s.fqn.size() - std::min(s.fqn.size(), s.name.size()))) {
+            out << "  name\t" << s.name << "\n";  // only when the fqn does not end with it
+        }
+    }
+    out << "# ref\tline\tusage\tqualifier\tname\tcaller\n";
+    for (const auto& r : x.references) {
+        out << "ref\t" << r.line << "\t" << r.usage_type << "\t" << (r.qualifier.empty() ? "-" : r.qualifier) << "\t"
+            << r.name << "\t" << (r.caller ? x.symbols.at(*r.caller).fqn : "-") << "\n";
+    }
+    out << "# import\tline\tmodule\tnames\talias\n";
+    for (const auto& i : x.imports) {
+        std::string names;
+        for (const auto& n : i.names) names += (names.empty() ? "" : ",") + n;
+        out << "import\t" << i.line << "\t" << i.module << "\t" << (names.empty() ? "-" : names) << "\t"
+            << i.alias.value_or("-") << "\n";
+    }
+    return out.str();
+}
+
+std::vector<fs::path> sample_files() {
+    std::vector<fs::path> files;
+    for (const auto& entry : fs::recursive_directory_iterator(kSampleRepo)) {
+        if (entry.is_regular_file() && language_for_path(entry.path().generic_string())) {
+            files.push_back(fs::relative(entry.path(), kSampleRepo));
+        }
+    }
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+bool is_valid_utf8(const std::string& s) {
+    std::size_t i = 0;
+    while (i < s.size()) {
+        auto c = static_cast<unsigned char>(s[i]);
+        std::size_t n = c < 0x80 ? 1 : (c >> 5) == 0x6 ? 2 : (c >> 4) == 0xE ? 3 : (c >> 3) == 0x1E ? 4 : 0;
+        if (n == 0 || i + n > s.size()) return false;
+        for (std::size_t k = 1; k < n; ++k) {
+            if ((static_cast<unsigned char>(s[i + k]) & 0xC0) != 0x80) return false;
+        }
+        i += n;
+    }
+    return true;
+}
+
+// Every string the index would store is valid UTF-8 and every index points into its list.
+void expect_well_formed(const FileExtraction& x) {
+    EXPECT_TRUE(is_valid_utf8(x.module_name));
+    for (const auto& s : x.symbols) {
+        EXPECT_TRUE(is_valid_utf8(s.name) && is_valid_utf8(s.fqn)) << s.fqn;
+        EXPECT_TRUE(is_valid_utf8(s.signature.value_or(""))) << s.fqn;
+        EXPECT_TRUE(is_valid_utf8(s.docstring.value_or(""))) << s.fqn;
+        EXPECT_LE(s.start_line, s.end_line) << s.fqn;
+        EXPECT_GE(s.start_line, 1);
+        if (s.parent) {
+            EXPECT_LT(*s.parent, x.symbols.size());
+        }
+    }
+    for (const auto& r : x.references) {
+        EXPECT_TRUE(is_valid_utf8(r.name) && is_valid_utf8(r.qualifier) && is_valid_utf8(r.context)) << r.name;
+        EXPECT_LE(r.context.size(), 1000u);
+        if (r.caller) {
+            EXPECT_LT(*r.caller, x.symbols.size());
+        }
+    }
+    for (const auto& i : x.imports) EXPECT_TRUE(is_valid_utf8(i.module));
+}
+
+const ExtractedSymbol* find_symbol(const FileExtraction& x, const std::string& fqn) {
+    for (const auto& s : x.symbols) {
+        if (s.fqn == fqn) return &s;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+
+TEST(ExtractionGolden, SampleRepositoryMatchesGoldenFiles) {
+    const bool update = std::getenv("KESTRIX_UPDATE_GOLDEN") != nullptr;
+    Extractor extractor;
+    std::set<fs::path> expected_goldens;
+    auto files = sample_files();
+    ASSERT_GE(files.size(), 25u);
+    for (const auto& rel : files) {
+        std::string path = rel.generic_string();
+        Language language = *language_for_path(path);
+        FileExtraction x = extractor.extract(language, path, read_file(kSampleRepo / rel));
+        expect_well_formed(x);
+        std::string actual = render(x);
+        fs::path golden = kGoldenDir / (path + ".tsv");
+        expected_goldens.insert(golden);
+        if (update) {
+            fs::create_directories(golden.parent_path());
+            std::ofstream(golden, std::ios::binary) << actual;
+            continue;
+        }
+        ASSERT_TRUE(fs::exists(golden)) << "missing golden file " << golden << " (run with KESTRIX_UPDATE_GOLDEN=1)";
+        EXPECT_EQ(read_file(golden), actual) << "golden mismatch for " << path;
+    }
+    // No golden file without its sample.
+    for (const auto& entry : fs::recursive_directory_iterator(kGoldenDir)) {
+        if (entry.is_regular_file()) {
+            EXPECT_TRUE(expected_goldens.count(entry.path())) << "stale golden file " << entry.path();
+        }
+    }
+}
+
+TEST(ExtractionGolden, ExtractorsOnTwoThreadsAgree) {
+    auto files = sample_files();
+    std::vector<std::string> contents;
+    for (const auto& rel : files) contents.push_back(read_file(kSampleRepo / rel));
+    auto run = [&](std::vector<std::string>& out) {
+        Extractor extractor;
+        for (std::size_t i = 0; i < files.size(); ++i) {
+            std::string path = files[i].generic_string();
+            out.push_back(render(extractor.extract(*language_for_path(path), path, contents[i])));
+        }
+    };
+    std::vector<std::string> a, b;
+    std::thread t1(run, std::ref(a));
+    std::thread t2(run, std::ref(b));
+    t1.join();
+    t2.join();
+    EXPECT_EQ(a, b);
+}
+
+// ---------------------------------------------------------------------------------------------
+
+TEST(Languages, ByExtension) {
+    struct Case {
+        const char* path;
+        std::optional<Language> language;
+    };
+    const Case cases[] = {
+        {"a/b.py", Language::python},        {"x.mjs", Language::javascript}, {"x.cjs", Language::javascript},
+        {"x.jsx", Language::javascript},     {"x.mts", Language::typescript}, {"x.cts", Language::typescript},
+        {"x.ts", Language::typescript},      {"x.tsx", Language::tsx},         {"x.go", Language::go},
+        {"x.rs", Language::rust},            {"X.java", Language::java},       {"x.c", Language::c},
+        {"x.h", Language::cpp},              {"x.hh", Language::cpp},          {"x.hxx", Language::cpp},
+        {"x.cc", Language::cpp},             {"x.cxx", Language::cpp},         {"README.md", Language::markdown},
+        {"notes.markdown", Language::markdown}, {"a.json", Language::json},    {"a.yml", Language::yaml},
+        {"a.yaml", Language::yaml},          {"Cargo.toml", Language::toml},  {"SRC/MAIN.PY", Language::python},
+        {"Makefile", std::nullopt},          {".bashrc", std::nullopt},        {"dir.py/file", std::nullopt},
+        {"a.txt", std::nullopt},             {"archive.tar.gz", std::nullopt}, {"trailing.", std::nullopt},
+    };
+    for (const auto& c : cases) EXPECT_EQ(language_for_path(c.path), c.language) << c.path;
+    EXPECT_TRUE(is_source_language(Language::rust));
+    EXPECT_FALSE(is_source_language(Language::markdown));
+    EXPECT_FALSE(is_source_language(Language::toml));
+    EXPECT_EQ(language_name(Language::tsx), "tsx");
+    EXPECT_EQ(language_name(Language::cpp), "cpp");
+}
+
+TEST(Languages, ModuleNames) {
+    struct Case {
+        Language language;
+        const char* path;
+        const char* content;
+        const char* module;
+    };
+    const Case cases[] = {
+        {Language::python, "pkg/mod.py", "", "pkg.mod"},
+        {Language::python, "pkg/sub/__init__.py", "", "pkg.sub"},
+        {Language::python, "proj/src/pkg/mod.py", "", "pkg.mod"},
+        {Language::python, "setup.py", "", "setup"},
+        {Language::typescript, "web/src/types.d.ts", "", "web.src.types"},
+        {Language::javascript, "index.js", "", "index"},
+        {Language::go, "cmd/tool/main.go", "package main\n", "main"},
+        {Language::go, "lib/util/x.go", "// no package clause\n", "util"},
+        {Language::rust, "crates/a/src/lib.rs", "", ""},
+        {Language::rust, "crates/a/src/net/mod.rs", "", "net"},
+        {Language::rust, "crates/a/src/net/tcp.rs", "", "net.tcp"},
+        {Language::rust, "crates/a/tests/it.rs", "", "it"},
+        {Language::java, "src/A.java", "package org.demo.x;\nclass A {}\n", "org.demo.x"},
+        {Language::java, "A.java", "class A {}\n", ""},
+        {Language::cpp, "src/a.cpp", "", ""},
+        {Language::markdown, "docs/guide.md", "# Guide\n", "docs.guide"},
+    };
+    Extractor extractor;
+    for (const auto& c : cases) {
+        EXPECT_EQ(extractor.extract(c.language, c.path, c.content).module_name, c.module) << c.path;
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Inputs that must not break extraction.
+
+TEST(ExtractionRobustness, EmptyFilesOfEveryLanguage) {
+    Extractor extractor;
+    for (Language language : {Language::python, Language::javascript, Language::typescript, Language::tsx,
+                              Language::go, Language::rust, Language::java, Language::c, Language::cpp,
+                              Language::markdown, Language::json, Language::yaml, Language::toml}) {
+        FileExtraction x = extractor.extract(language, "empty", "");
+        EXPECT_TRUE(x.symbols.empty()) << language_name(language);
+        EXPECT_TRUE(x.references.empty()) << language_name(language);
+        EXPECT_FALSE(x.has_syntax_errors) << language_name(language);
+    }
+}
+
+TEST(ExtractionRobustness, HostileInputs) {
+    std::string huge_line = "const data = [";
+    while (huge_line.size() < (1u << 20)) huge_line += "compute(1), ";
+    huge_line += "0]; function after() { return 1; }\n";
+
+    struct Case {
+        const char* label;
+        Language language;
+        std::string content;
+        std::vector<std::string> expected_fqns;  // must all be there
+        bool syntax_errors;
+    };
+    const std::vector<Case> cases = {
+        {"invalid UTF-8 in a docstring and a name", Language::python,
+         "def f():\n    \"\"\"caf\xe9 \xff\xfe\"\"\"\n\nclass C\xc3:\n    pass\n\ndef g():\n    pass\n", {"m.f", "m.g"},
+         true},
+        {"NUL bytes", Language::python, "def a():\n    pass\n" + std::string(3, '\0') + "\ndef b():\n    pass\n",
+         {"m.a", "m.b"}, false},
+        {"syntax errors around valid code", Language::python, "def broken(:\n    pass\n\ndef ok():\n    return 1\n",
+         {"m.ok"}, true},
+        {"unterminated block comment", Language::c, "int ok(void) { return 0; }\n/* never closed\nint x;\n", {"ok"},
+         true},
+        {"unbalanced braces", Language::java, "package p;\nclass A {\n  void m() {\n}\n", {}, true},
+        {"a 1 MB line", Language::javascript, huge_line, {"m.data", "m.after"}, false},
+        {"lone CR line ends", Language::go, "package p\r\rfunc A() {}\r", {"p.A"}, false},
+        {"a BOM", Language::python, "\xef\xbb\xbf" "def f():\n    pass\n", {"m.f"}, false},
+        {"only a BOM", Language::rust, "\xef\xbb\xbf", {}, false},
+        {"deep nesting", Language::javascript, std::string(20000, '[') + std::string(20000, ']'), {}, false},
+        {"deep nesting", Language::cpp, "int f() { return " + std::string(5000, '(') + "1" + std::string(5000, ')') + "; }\n",
+         {"f"}, false},
+    };
+    Extractor extractor;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.label);
+        FileExtraction x = extractor.extract(c.language, c.language == Language::go ? "p/x.go" : "m.x", c.content);
+        expect_well_formed(x);
+        EXPECT_EQ(x.has_syntax_errors, c.syntax_errors);
+        for (const auto& fqn : c.expected_fqns) EXPECT_NE(find_symbol(x, fqn), nullptr) << fqn;
+    }
+}
+
+TEST(ExtractionRobustness, HugeLineKeepsReferencesButCutsTheirContext) {
+    std::string line = "x = [";
+    for (int i = 0; i < 60000; ++i) line += "f(" + std::to_string(i) + "), ";
+    line += "g()]\n";
+    Extractor extractor;
+    FileExtraction x = extractor.extract(Language::python, "m.py", line);
+    ASSERT_EQ(x.references.size(), 60001u);
+    EXPECT_EQ(x.references.back().name, "g");
+    EXPECT_LE(x.references.back().context.size(), 500u);
+    EXPECT_NE(x.references.back().context.find("g()]"), std::string::npos);
+    ASSERT_EQ(x.symbols.size(), 1u);
+    EXPECT_LE(x.symbols[0].signature->size(), 310u);
+}
+
+TEST(ExtractionRobustness, LineNumbersFollowUniversalNewlines) {
+    Extractor extractor;
+    FileExtraction x = extractor.extract(Language::python, "m.py", "a = 1\r\nb = 2\rdef f():\r\n    g()\r\n");
+    ASSERT_NE(find_symbol(x, "m.f"), nullptr);
+    EXPECT_EQ(find_symbol(x, "m.f")->start_line, 3);
+    ASSERT_EQ(x.references.size(), 1u);
+    EXPECT_EQ(x.references[0].line, 4);
+    EXPECT_EQ(x.references[0].context, "g()");
+}
+
+TEST(ExtractionRobustness, DocstringsAreCutOnACharacterBoundary) {
+    struct Case {
+        Language language;
+        std::string source;
+    };
+    const std::string body = "\xc3\xa9t\xc3\xa9 \xe2\x82\xac\xe2\x82\xac\xe2\x82\xac long text";  // "été €€€ long text"
+    const Case cases[] = {
+        {Language::python, "def f():\n    \"\"\"" + body + "\"\"\"\n"},
+        {Language::go, "package m\n// " + body + "\nfunc f() {}\n"},
+        {Language::rust, "/// " + body + "\nfn f() {}\n"},
+        {Language::java, "class m {\n  /** " + body + " */\n  void f() {}\n}\n"},
+    };
+    for (std::size_t limit : {1u, 2u, 3u, 8u, 9u, 10u, 100u}) {
+        Extractor extractor({.docstring_limit = limit});
+        for (const auto& c : cases) {
+            FileExtraction x = extractor.extract(c.language, "m.x", c.source);
+            const ExtractedSymbol* f = nullptr;
+            for (const auto& s : x.symbols) {
+                if (s.name == "f") f = &s;
+            }
+            ASSERT_NE(f, nullptr) << language_name(c.language);
+            ASSERT_TRUE(f->docstring.has_value()) << language_name(c.language) << " limit " << limit;
+            EXPECT_LE(f->docstring->size(), limit);
+            EXPECT_TRUE(is_valid_utf8(*f->docstring));
+            EXPECT_EQ(f->docstring_truncated, body.size() > limit) << language_name(c.language) << " limit " << limit;
+            EXPECT_EQ(body.substr(0, f->docstring->size()), *f->docstring);
+        }
+    }
+}
+
+TEST(ExtractionRobustness, RandomBytesInEveryGrammar) {
+    std::mt19937 rng(12345);
+    const char symbols[] = "(){}[]<>;:,.=+-*/\\\"'`#@!?&|^%$~ \t\n\r\0abcXYZ_019\xc3\xa9\xff";
+    const std::string alphabet(symbols, sizeof symbols - 1);
+    Extractor extractor;
+    for (Language language : {Language::python, Language::javascript, Language::typescript, Language::tsx,
+                              Language::go, Language::rust, Language::java, Language::c, Language::cpp,
+                              Language::markdown}) {
+        for (int round = 0; round < 20; ++round) {
+            std::string content;
+            std::size_t size = 1 + rng() % 4000;
+            for (std::size_t i = 0; i < size; ++i) content.push_back(alphabet[rng() % alphabet.size()]);
+            FileExtraction x = extractor.extract(language, "r/x.src", content);
+            expect_well_formed(x);
+        }
+    }
+}
