@@ -358,6 +358,12 @@ IndexStats IndexBuilder::run() {
 
         // 1. Which files, and which of them need reading.
         progress("scanning", 0, 0);
+        auto lap_start = std::chrono::steady_clock::now();
+        auto lap = [&](const char* phase) {
+            const auto now = std::chrono::steady_clock::now();
+            stats.timings.emplace_back(phase, std::chrono::duration<double>(now - lap_start).count());
+            lap_start = now;
+        };
         WalkOptions walk_options;
         std::error_code error;
         const fs::path real_root = fs::weakly_canonical(root, error);
@@ -373,6 +379,7 @@ IndexStats IndexBuilder::run() {
         const ComponentMap components(walk.files);
         const std::vector<PackageRoot> packages = read_package_roots(root, walk.files);
         const std::string package_text = describe_packages(packages);
+        lap("scan");
 
         std::unordered_map<std::string, StoredFile> stored = store.load_files();
         const bool reparse_all = storage::read_meta(db, "parser_revision").value_or("") != kParserRevision;
@@ -557,6 +564,7 @@ IndexStats IndexBuilder::run() {
             //    one transaction with the end of the stale mark.
             if (marked_stale || derived_stale || reparse_all) {
                 progress("resolving", 0, 1);
+                lap("parse");
                 Transaction refresh(db);
                 store.prune_components();
                 IndexSnapshot snapshot = store.load_snapshot(written);
@@ -567,7 +575,9 @@ IndexStats IndexBuilder::run() {
                 std::move(collected.imports.begin(), collected.imports.end(), std::back_inserter(snapshot.imports));
                 std::move(collected.references.begin(), collected.references.end(), std::back_inserter(snapshot.references));
                 snapshot.packages = packages;
+                lap("load");
                 const DerivedData derived = derive_index_data(snapshot);
+                lap("resolve");
                 store.write_derived(derived);
 
                 storage::write_meta(db, "derived_stale", "0");
@@ -575,10 +585,14 @@ IndexStats IndexBuilder::run() {
                 storage::write_meta(db, "parser_revision", kParserRevision);
                 storage::write_meta(db, "indexed_at", utc_now());
                 refresh.commit();
+                lap("write");
                 progress("resolving", 1, 1);
             }
         }
 
+        if (std::none_of(stats.timings.begin(), stats.timings.end(), [](const auto& t) { return t.first == "parse"; })) {
+            lap("parse");
+        }
         stats.files = store.count_files();
         stats.symbols = store.count_symbols();
         stats.references = store.count_references();

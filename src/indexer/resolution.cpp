@@ -177,15 +177,28 @@ struct Binding {
     std::string module_last;             // the module path's last part
 };
 
+// A file's imports, with lookups by the names its code uses for them.
+struct FileImports {
+    std::vector<Binding> bindings;
+    // Whole-module imports by alias, module path ("a.b") and last part ("b").
+    std::unordered_map<std::string, std::vector<std::size_t>> by_module_key;
+    // Imported names by the name the code uses (alias or name), and by the original name.
+    std::unordered_map<std::string, std::vector<std::size_t>> by_name_key;
+    std::unordered_map<std::string, std::vector<std::size_t>> by_name;
+    std::vector<std::size_t> wildcards;  // `from m import *`
+    FileList whole_files;                // files of modules imported whole or by wildcard
+    FileList all_files;                  // files of every import
+};
+
 class Resolver {
 public:
     explicit Resolver(const IndexSnapshot& snapshot) : s_(snapshot) {
         build_file_indexes();
         build_symbol_indexes();
-        bindings_.resize(s_.files.size());
-        bindings_ready_.assign(s_.files.size(), false);
+        imports_.resize(s_.files.size());
+        imports_ready_.assign(s_.files.size(), false);
         for (const auto& import : s_.imports) {
-            if (auto it = file_index_.find(import.file_id); it != file_index_.end()) imports_of_[it->second].push_back(&import);
+            if (auto it = file_index_.find(import.file_id); it != file_index_.end()) imports_of_file_[it->second].push_back(&import);
         }
     }
 
@@ -195,7 +208,8 @@ public:
         if (it == file_index_.end() || ref.name.empty()) return out;
         const Index file = it->second;
         const Language language = s_.files[file].language;
-        const auto& bindings = bindings_of(file);
+        const FileImports& imports = imports_of(file);
+        const auto& bindings = imports.bindings;
         const bool path_qualifier = ref.qualifier.find("::") != std::string::npos;
         std::string qualifier_text;
         std::string_view qualifier = ref.qualifier;
@@ -233,18 +247,14 @@ public:
 
         // 1. A qualifier naming an imported module, an imported name, or a module in full.
         if (fit.qualifier != QualifierKind::none && !is_self_qualifier(head)) {
-            for (const auto& binding : bindings) {
-                if (binding.name) continue;
-                if (qualifier == binding.key || qualifier == binding.module_key || qualifier == binding.module_last) {
-                    add_symbols(binding.files, ref.name, out, 2, module_fit);
-                }
+            for (std::size_t b : lookup(imports.by_module_key, qualifier)) {
+                add_symbols(bindings[b].files, ref.name, out, 2, module_fit);
             }
             if (!out.empty()) return finish(out);
-            for (const auto& binding : bindings) {
-                if (!binding.name || head != binding.key) continue;
+            for (std::size_t b : lookup(imports.by_name_key, head)) {
                 // A member of an imported class or namespace, or a submodule imported by name.
-                add_symbols(binding.files, ref.name, out, 2, fit);
-                if (out.empty()) add_symbols(resolve_submodule(file, binding, *binding.name), ref.name, out, 1, module_fit);
+                add_symbols(bindings[b].files, ref.name, out, 2, fit);
+                if (out.empty()) add_symbols(resolve_submodule(file, bindings[b], *bindings[b].name), ref.name, out, 1, module_fit);
             }
             if (!out.empty()) return finish(out);
             if (qualifier.find('.') != std::string::npos) {
@@ -276,19 +286,19 @@ public:
         Filter outside = fit;
         outside.bare_is_no_member = !reaches_members_without_receiver(language);
         if (fit.qualifier == QualifierKind::none) {
-            for (const auto& binding : bindings) {
-                if (binding.name && (binding.key == ref.name || *binding.name == ref.name) && *binding.name != "*") {
-                    add_symbols(binding.files, *binding.name, out, 2, module_fit);
-                }
+            for (std::size_t b : lookup(imports.by_name_key, ref.name)) {
+                add_symbols(bindings[b].files, *bindings[b].name, out, 2, module_fit);
+            }
+            for (std::size_t b : lookup(imports.by_name, ref.name)) {
+                if (bindings[b].key != ref.name) add_symbols(bindings[b].files, *bindings[b].name, out, 2, module_fit);
             }
             if (!out.empty()) return finish(out);
-            for (const auto& binding : bindings) {
-                if (binding.name && *binding.name != "*") continue;
-                add_symbols(binding.files, ref.name, out, 1, outside);
-            }
+            add_symbols(imports.whole_files, ref.name, out, 1, outside);
             if (!out.empty()) return finish(out);
         } else {
-            for (const auto& binding : bindings) add_symbols(binding.files, ref.name, out, 1, fit);
+            // Members defined in the imported files themselves (no re-exports: `x.name` says
+            // nothing about which module x comes from).
+            add_symbols(imports.all_files, ref.name, out, 0, fit);
             if (!out.empty()) return finish(out);
         }
 
@@ -310,7 +320,7 @@ public:
     // The files that `file`'s imports lead to (for covering tests).
     FileList imported_files(Index file) {
         FileList out;
-        for (const auto& binding : bindings_of(file)) {
+        for (const auto& binding : imports_of(file).bindings) {
             out.insert(out.end(), binding.files.begin(), binding.files.end());
             if (binding.name && binding.files.empty()) {
                 auto submodule = resolve_submodule(file, binding, *binding.name);
@@ -369,11 +379,14 @@ private:
     }
 
     void build_symbol_indexes() {
+        symbol_file_.assign(s_.symbols.size(), static_cast<Index>(-1));
         for (Index i = 0; i < s_.symbols.size(); ++i) {
             const auto& symbol = s_.symbols[i];
             const auto it = file_index_.find(symbol.file_id);
             if (it == file_index_.end() || !s_.files[it->second].is_source || symbol.name.empty()) continue;
             by_file_name_[{it->second, symbol.name}].push_back(i);
+            by_name_[symbol.name].push_back(i);
+            symbol_file_[i] = it->second;
             by_family_name_[{language_family(s_.files[it->second].language), symbol.name}].push_back(i);
         }
     }
@@ -382,21 +395,32 @@ private:
     // that name (re-exports such as __init__.py, index.js or `pub use`) up to `depth` levels.
     void add_symbols(const FileList& files, const std::string& name, std::vector<std::int64_t>& out, int depth,
                      const Filter& fit) {
+        // Most names are defined a few times in the whole index: scanning those definitions
+        // beats a (file, name) lookup per file.
+        const auto defined = by_name_.find(name);
+        const std::vector<Index>* candidates = defined == by_name_.end() ? nullptr : &defined->second;
         for (Index file : files) {
             bool found = false;
-            if (const auto it = by_file_name_.find({file, name}); it != by_file_name_.end()) {
-                for (Index symbol : it->second) {
-                    if (!fit.accepts(s_.symbols[symbol], name)) continue;
-                    out.push_back(s_.symbols[symbol].id);
-                    found = true;
+            auto take = [&](Index symbol) {
+                if (!fit.accepts(s_.symbols[symbol], name)) return;
+                out.push_back(s_.symbols[symbol].id);
+                found = true;
+            };
+            if (candidates != nullptr && candidates->size() <= 8) {
+                for (Index symbol : *candidates) {
+                    if (symbol_file_[symbol] == file) take(symbol);
+                }
+            } else if (candidates != nullptr) {
+                if (const auto it = by_file_name_.find({file, name}); it != by_file_name_.end()) {
+                    for (Index symbol : it->second) take(symbol);
                 }
             }
             if (found || depth <= 0) continue;
-            for (const auto& binding : bindings_of(file)) {
-                if (binding.name && (binding.key == name || *binding.name == "*")) {
-                    add_symbols(binding.files, binding.key == name ? *binding.name : name, out, depth - 1, fit);
-                }
+            const FileImports& imports = imports_of(file);
+            for (std::size_t b : lookup(imports.by_name_key, name)) {
+                add_symbols(imports.bindings[b].files, *imports.bindings[b].name, out, depth - 1, fit);
             }
+            for (std::size_t b : imports.wildcards) add_symbols(imports.bindings[b].files, name, out, depth - 1, fit);
         }
     }
 
@@ -581,15 +605,18 @@ private:
         return qualifier_modules_.emplace(std::move(key), resolve_module(file, qualifier)).first->second;
     }
 
-    const std::vector<Binding>& bindings_of(Index file) {
-        if (bindings_ready_[file]) return bindings_[file];
-        bindings_ready_[file] = true;
-        std::vector<Binding> bindings;
-        for (const SnapshotImport* import : imports_of_[file]) {
+    // The imports of a file, resolved once and indexed by the names the file's code uses.
+    const FileImports& imports_of(Index file) {
+        if (imports_ready_[file]) return imports_[file];
+        imports_ready_[file] = true;
+        FileImports& out = imports_[file];
+        std::map<std::string, ModuleTarget> resolved;  // a module imported name by name resolves once
+        for (const SnapshotImport* import : imports_of_file_[file]) {
             Binding binding;
-            ModuleTarget target = resolve_module(file, import->module);
-            binding.files = std::move(target.files);
-            binding.member = std::move(target.member);
+            auto cached = resolved.find(import->module);
+            if (cached == resolved.end()) cached = resolved.emplace(import->module, resolve_module(file, import->module)).first;
+            binding.files = cached->second.files;
+            binding.member = cached->second.member;
             binding.module_raw = import->module;
             binding.module_key = import->module;
             for (std::size_t pos; (pos = binding.module_key.find("::")) != std::string::npos;) binding.module_key.replace(pos, 2, ".");
@@ -606,10 +633,33 @@ private:
             } else {
                 binding.key = import->alias.value_or(binding.module_last);
             }
-            bindings.push_back(std::move(binding));
+            const std::size_t index = out.bindings.size();
+            if (!binding.name) {
+                std::set<std::string> keys = {binding.key, binding.module_key, binding.module_last};
+                for (const auto& key : keys) out.by_module_key[key].push_back(index);
+                out.whole_files.insert(out.whole_files.end(), binding.files.begin(), binding.files.end());
+            } else if (*binding.name == "*") {
+                out.wildcards.push_back(index);
+                out.whole_files.insert(out.whole_files.end(), binding.files.begin(), binding.files.end());
+            } else {
+                out.by_name_key[binding.key].push_back(index);
+                out.by_name[*binding.name].push_back(index);
+            }
+            out.all_files.insert(out.all_files.end(), binding.files.begin(), binding.files.end());
+            out.bindings.push_back(std::move(binding));
         }
-        bindings_[file] = std::move(bindings);
-        return bindings_[file];
+        for (FileList* list : {&out.whole_files, &out.all_files}) {
+            std::sort(list->begin(), list->end());
+            list->erase(std::unique(list->begin(), list->end()), list->end());
+        }
+        return out;
+    }
+
+    static const std::vector<std::size_t>& lookup(const std::unordered_map<std::string, std::vector<std::size_t>>& map,
+                                                   std::string_view key) {
+        static const std::vector<std::size_t> kNone;
+        const auto it = map.find(std::string(key));
+        return it == map.end() ? kNone : it->second;
     }
 
 public:
@@ -636,9 +686,11 @@ private:
     // Symbol indexes by (file, name) and by (language family, name); source files only.
     std::unordered_map<std::pair<Index, std::string_view>, std::vector<Index>, PairHash> by_file_name_;
     std::unordered_map<std::pair<int, std::string_view>, std::vector<Index>, FamilyHash> by_family_name_;
-    std::unordered_map<Index, std::vector<const SnapshotImport*>> imports_of_;
-    std::vector<std::vector<Binding>> bindings_;
-    std::vector<bool> bindings_ready_;
+    std::unordered_map<std::string_view, std::vector<Index>> by_name_;
+    std::vector<Index> symbol_file_;  // file index of each symbol
+    std::unordered_map<Index, std::vector<const SnapshotImport*>> imports_of_file_;
+    std::vector<FileImports> imports_;
+    std::vector<bool> imports_ready_;
     std::vector<Package> packages_;
     std::map<std::pair<Index, std::string>, ModuleTarget> qualifier_modules_;
 };

@@ -17,6 +17,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "orvane_kestrix/indexer/extraction.hpp"
 
@@ -62,6 +64,10 @@ struct IndexStats {
     std::int64_t references = 0;   // in the index after the run
     double seconds = 0;
     bool cancelled = false;
+    // Wall seconds per phase, in order: "scan" (listing and comparing files), "parse"
+    // (reading, parsing, writing), then, when other files' facts were recomputed, "load",
+    // "resolve" and "write".
+    std::vector<std::pair<std::string, double>> timings;
 
     std::int64_t skipped_total() const;
     // One line: files indexed, skipped by reason, symbols, references, seconds.

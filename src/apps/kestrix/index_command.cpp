@@ -28,6 +28,7 @@ struct IndexArguments {
     bool rebuild = false;
     unsigned jobs = 0;
     std::uint64_t max_file_size = 2 * 1024 * 1024;
+    bool timings = false;
 };
 
 // Redraws one status line on standard error, at most ten times a second.
@@ -102,6 +103,11 @@ int run_index(const IndexArguments& arguments) {
         const indexer::IndexStats stats = indexer::IndexBuilder(options).run();
         bar.clear();
         std::cout << stats.summary() << std::endl;
+        if (arguments.timings) {
+            std::string line = "timings:";
+            for (const auto& [phase, seconds] : stats.timings) line += fmt::format(" {} {:.3f} s", phase, seconds);
+            std::cerr << line << '\n';
+        }
         return stats.cancelled ? 130 : 0;
     } catch (const storage::IndexFileError& e) {
         bar.clear();
@@ -123,6 +129,7 @@ const CommandRegistrar registrar([](CLI::App& app, int& exit_code) {
     command->add_option("--jobs", arguments->jobs, "parser threads (default: one per core)")->check(CLI::NonNegativeNumber);
     command->add_option("--max-file-size", arguments->max_file_size, "skip files larger than this many bytes")
         ->capture_default_str();
+    command->add_flag("--timings", arguments->timings, "print the seconds of each phase on standard error");
     command->callback([arguments, &exit_code] { exit_code = run_index(*arguments); });
 });
 

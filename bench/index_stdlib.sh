@@ -1,0 +1,85 @@
+#!/usr/bin/env bash
+# Indexes this machine's Python standard library from scratch and prints files/s, MB/s,
+# symbols, references, peak memory and wall time; runs universal-ctags over the same tree for
+# comparison; then times a no-op re-index and a re-index after changing 10 files.
+#
+#   bench/index_stdlib.sh [KESTRIX_BINARY]      (default: build/kestrix)
+#
+# Works on a copy of the standard library (without site-packages and __pycache__) in a
+# temporary directory; the index goes there too. Needs python3, ctags, /usr/bin/time, sqlite3.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+kestrix=$(realpath "${1:-${KESTRIX:-build/kestrix}}")
+[ -x "$kestrix" ] || { echo "index_stdlib: no kestrix binary at $kestrix (build it first)" >&2; exit 2; }
+for tool in python3 ctags /usr/bin/time sqlite3; do
+  command -v "$tool" >/dev/null || { echo "index_stdlib: $tool is missing" >&2; exit 2; }
+done
+
+stdlib=$(python3 -c 'import sysconfig; print(sysconfig.get_paths()["stdlib"])')
+work=$(mktemp -d /tmp/kestrix-bench-XXXXXX)
+trap 'rm -rf "$work"' EXIT
+tree="$work/stdlib"
+db="$work/index.db"
+mkdir -p "$tree"
+(cd "$stdlib" && tar --exclude=./site-packages --exclude=__pycache__ -cf - .) | (cd "$tree" && tar -xf -)
+
+# Seconds of wall time and peak resident KB of a command, its output kept in $work/out.txt.
+measure() {
+  /usr/bin/time -f "%e %M" -o "$work/time.txt" "$@" >"$work/out.txt" 2>"$work/err.txt" || {
+    cat "$work/err.txt" >&2; exit 1; }
+  read -r wall peak_kb <"$work/time.txt"
+}
+
+measure ctags -R --output-format=json --fields=+neKS -f "$work/tags.json" "$tree"
+ctags_wall=$wall
+ctags_tags=$(wc -l <"$work/tags.json")
+
+measure "$kestrix" index --repo "$tree" --db "$db"
+full_wall=$wall
+full_peak_kb=$peak_kb
+summary=$(cat "$work/out.txt")
+files=$(sqlite3 "$db" "SELECT count(*) FROM files")
+bytes=$(sqlite3 "$db" "SELECT sum(size) FROM files")
+symbols=$(sqlite3 "$db" "SELECT count(*) FROM symbols")
+references=$(sqlite3 "$db" "SELECT count(*) FROM refs")
+resolved=$(sqlite3 "$db" "SELECT count(DISTINCT ref_id) FROM ref_targets")
+
+measure "$kestrix" index --repo "$tree" --db "$db"
+noop_wall=$wall
+noop_summary=$(cat "$work/out.txt")
+
+# Change the content of 10 Python files spread over the tree.
+mapfile -t changed < <(cd "$tree" && find . -name '*.py' -size +2k | sort | awk 'NR % 97 == 1' | head -10)
+for file in "${changed[@]}"; do printf '\n# changed by the benchmark\n' >>"$tree/$file"; done
+measure "$kestrix" index --repo "$tree" --db "$db"
+touched_wall=$wall
+touched_summary=$(cat "$work/out.txt")
+
+python3 - "$full_wall" "$full_peak_kb" "$files" "$bytes" "$symbols" "$references" "$resolved" \
+  "$ctags_wall" "$ctags_tags" "$noop_wall" "$touched_wall" "$(nproc)" <<'EOF'
+import sys
+(full, peak_kb, files, size, symbols, refs, resolved, ctags, tags, noop, touched, cores) = sys.argv[1:]
+full, ctags, noop, touched = float(full), float(ctags), float(noop), float(touched)
+files, size, symbols, refs, resolved = int(files), int(size), int(symbols), int(refs), int(resolved)
+peak_mb = int(peak_kb) / 1024
+ratio = full / ctags if ctags > 0 else float("inf")
+print(f"full index:        {full:.2f} s wall on {cores} cores, {files} files, {size / 1e6:.1f} MB")
+print(f"throughput:        {files / full:.0f} files/s, {size / 1e6 / full:.1f} MB/s")
+print(f"symbols:           {symbols}")
+print(f"references:        {refs} ({resolved} resolved to a definition)")
+print(f"peak memory:       {peak_mb:.0f} MB")
+print(f"ctags:             {ctags:.2f} s wall, {int(tags)} tags; index/ctags = {ratio:.2f}x")
+print(f"no-op re-index:    {noop:.3f} s")
+print(f"10 files changed:  {touched:.3f} s")
+checks = [
+    ("full index <= 2.5x ctags", ratio <= 2.5),
+    (">= 500 files/s", files / full >= 500),
+    ("no-op re-index < 0.3 s", noop < 0.3),
+    ("peak memory < 500 MB", peak_mb < 500),
+]
+print("targets:           " + ", ".join(f"{name}: {'met' if ok else 'MISSED'}" for name, ok in checks))
+EOF
+echo "summaries:"
+echo "  $summary"
+echo "  $noop_summary"
+echo "  $touched_summary"
