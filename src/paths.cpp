@@ -18,4 +18,17 @@ bool is_contained_relative(std::string_view path) {
     return true;
 }
 
+bool resolves_inside(const std::filesystem::path& canonical_root, const std::filesystem::path& path) {
+    std::error_code error;
+    const std::filesystem::path resolved = std::filesystem::weakly_canonical(path, error);
+    if (error) return false;
+    auto root_part = canonical_root.begin();
+    auto path_part = resolved.begin();
+    for (; root_part != canonical_root.end(); ++root_part, ++path_part) {
+        if (root_part->empty()) continue;  // the trailing empty element of "dir/"
+        if (path_part == resolved.end() || *path_part != *root_part) return false;
+    }
+    return true;
+}
+
 }  // namespace orvane_kestrix
