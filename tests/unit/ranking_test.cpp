@@ -168,6 +168,19 @@ TEST(RankSymbolsTest, IndexCallsAreSkippedWhereNothingNeedsThem) {
     EXPECT_EQ(other.log.calls()[1]["arg"], Json::parse("[0]"));
 }
 
+TEST(RankSymbolsTest, KeywordsBeyondTheTenthAreNotSearchedButStillScore) {
+    FixtureHarness index(R"({
+      "symbols": [{"id": 1, "name": "k01", "kind": "function"}, {"id": 2, "name": "eleventh", "kind": "function"}],
+      "tokenizer": {"terms": ["k01", "k02", "k03", "k04", "k05", "k06", "k07", "k08", "k09", "k10", "eleventh"]},
+      "request": {"task": "t", "seed_symbols": []}})");
+    auto pack = index.builder->build_context_pack(index.fixture.request);
+    for (const auto& call : index.log.calls()) EXPECT_NE(call["arg"], "eleventh");
+    auto ranked = index.builder->_rank_symbols({index.fixture.symbols[1]},
+                                               task_keywords("t", *index.tokenizer));
+    ASSERT_EQ(ranked.size(), 1u);
+    EXPECT_DOUBLE_EQ(ranked[0].score, 0.9);
+}
+
 TEST(RankSymbolsTest, FiveHundredCandidatesCostThreeIndexCalls) {
     FixtureHarness index(R"({"request": {"task": "t"}})");
     std::vector<Symbol> candidates;
