@@ -130,13 +130,13 @@ std::int64_t IndexStore::write_parsed(ParsedFile& file, std::optional<std::int64
         if (symbol.parent && *symbol.parent < i) parent = symbol_ids[*symbol.parent];
         insert_symbol_.bind(1, file_id)
             .bind(2, parent)
-            .bind(3, symbol.name)
-            .bind(4, symbol.fqn)
-            .bind(5, symbol.kind)
+            .bind_static(3, symbol.name)
+            .bind_static(4, symbol.fqn)
+            .bind_static(5, symbol.kind)
             .bind(6, symbol.start_line)
             .bind(7, symbol.end_line)
-            .bind(8, symbol.signature)
-            .bind(9, symbol.docstring)
+            .bind_static(8, symbol.signature)
+            .bind_static(9, symbol.docstring)
             .bind(10, symbol.docstring_truncated)
             .bind(11, symbol.is_export)
             .bind(12, i < file.token_counts.size() ? file.token_counts[i] : std::int64_t{0});
@@ -157,11 +157,11 @@ std::int64_t IndexStore::write_parsed(ParsedFile& file, std::optional<std::int64
         if (ref.caller && *ref.caller < symbol_ids.size()) caller = symbol_ids[*ref.caller];
         insert_ref_.bind(1, file_id)
             .bind(2, caller)
-            .bind(3, ref.name)
-            .bind(4, ref.qualifier)
-            .bind(5, ref.usage_type)
+            .bind_static(3, ref.name)
+            .bind_static(4, ref.qualifier)
+            .bind_static(5, ref.usage_type)
             .bind(6, ref.line)
-            .bind(7, ref.context);
+            .bind_static(7, ref.context);
         insert_ref_.run();
         if (first_ref == 0) first_ref = db_.last_insert_rowid();
     }
@@ -272,6 +272,10 @@ IndexSnapshot IndexStore::load_snapshot(const std::unordered_set<std::int64_t>& 
             }
         }
     };
+    if (!per_file) {
+        snapshot.symbols.reserve(static_cast<std::size_t>(count_symbols()));
+        snapshot.references.reserve(static_cast<std::size_t>(count_references()));
+    }
     read("file_id, id, name, fqn, kind", "symbols", [&](Statement& row) {
         snapshot.symbols.push_back(
             {row.column_int64(1), row.column_int64(0), row.column_string(2), row.column_string(3), row.column_string(4)});

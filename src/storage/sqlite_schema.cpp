@@ -60,6 +60,7 @@ CREATE TABLE symbols(
 );
 CREATE INDEX symbols_by_file ON symbols(file_id, start_line);
 CREATE INDEX symbols_by_fqn ON symbols(fqn);
+CREATE INDEX symbols_by_name ON symbols(name COLLATE NOCASE);
 
 CREATE VIRTUAL TABLE symbol_names USING fts5(
   name, content='symbols', content_rowid='id', tokenize='trigram', detail='none');
@@ -223,6 +224,16 @@ Statement& Statement::bind(int index, std::string_view value) {
     const int rc = sqlite3_bind_text64(stmt_, index, value.data(), value.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
     if (rc != SQLITE_OK) db_->raise(rc);
     return *this;
+}
+
+Statement& Statement::bind_static(int index, std::string_view value) {
+    const int rc = sqlite3_bind_text64(stmt_, index, value.data(), value.size(), SQLITE_STATIC, SQLITE_UTF8);
+    if (rc != SQLITE_OK) db_->raise(rc);
+    return *this;
+}
+
+Statement& Statement::bind_static(int index, const std::optional<std::string>& value) {
+    return value ? bind_static(index, std::string_view(*value)) : bind_null(index);
 }
 
 Statement& Statement::bind(int index, const std::optional<std::string>& value) {

@@ -213,6 +213,37 @@ TEST_F(IndexRobustness, ReparsesOnlyChangedFilesAndRefreshesWhatDependsOnThem) {
     EXPECT_EQ(query("SELECT production_fan_in FROM symbols WHERE name = 'helper'"), "0");
 }
 
+TEST_F(IndexRobustness, RefreshedIndexEqualsOneBuiltFromScratch) {
+    write("pkg/core.py", "def alpha\ndef beta\nuse alpha\n");
+    write("pkg/extra.py", "from pkg.core import beta\ndef gamma\nuse beta\n");
+    write("app.py", "from pkg.core import alpha\nfrom pkg.extra import gamma\ndef main\nuse alpha\nuse gamma\nuse delta\n");
+    write("tests/test_core.py", "from pkg.core import alpha\ndef test_alpha\nuse alpha\nuse beta\n");
+    write("tests/test_app.py", "def test_main\nuse main\n");
+    index();
+    // A definition moves between files, one appears, one file goes, a test changes.
+    write("pkg/core.py", "def beta\nuse beta\n");
+    write("pkg/extra.py", "def alpha\ndef gamma\nuse alpha\n");
+    write("pkg/more.py", "def delta\n");
+    fs::remove(root_ / "tests/test_app.py");
+    write("tests/test_extra.py", "from pkg.extra import gamma\ndef test_gamma\nuse gamma\nuse alpha\n");
+    index();
+
+    const auto derived = [&] {
+        return query("SELECT t.fqn || ' <- ' || f.path || ':' || r.line FROM ref_targets rt "
+                     "JOIN symbols t ON t.id = rt.symbol_id JOIN refs r ON r.id = rt.ref_id "
+                     "JOIN files f ON f.id = r.file_id ORDER BY 1") +
+               "\n--\n" + query("SELECT fqn || ' ' || production_fan_in FROM symbols ORDER BY 1") + "\n--\n" +
+               query("SELECT s.path || ' <- ' || t.path || ' ' || c.rank || ' ' || c.used_symbols FROM covering_tests c "
+                     "JOIN files s ON s.id = c.source_file_id JOIN files t ON t.id = c.test_file_id ORDER BY 1") +
+               "\n--\n" + query("SELECT name FROM symbols WHERE id IN (SELECT rowid FROM symbol_names WHERE name LIKE '%a%') ORDER BY 1");
+    };
+    const std::string refreshed = derived();
+    db_ = base_ / "fresh.db";
+    index();
+    EXPECT_EQ(refreshed, derived());
+    EXPECT_NE(refreshed.find("pkg.more.delta <- app.py:6"), std::string::npos) << refreshed;
+}
+
 TEST_F(IndexRobustness, InterruptedRunKeepsTheIndexReadableAndTheNextRunCompletesIt) {
     for (int i = 0; i < 40; ++i) write("m" + std::to_string(i) + ".py", "def f" + std::to_string(i) + "\nuse f0\n");
     index();

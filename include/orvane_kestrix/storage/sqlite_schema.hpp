@@ -46,7 +46,9 @@
 //       absent). `production_fan_in` is the number of references from non-test files resolved
 //       to this symbol. Ids are never reused (AUTOINCREMENT); a re-parsed file gets new ids.
 //       Order within a file: by id, which is source order.
-//       Indexes: symbols_by_file(file_id, start_line), symbols_by_fqn(fqn).
+//       Indexes: symbols_by_file(file_id, start_line), symbols_by_fqn(fqn),
+//       symbols_by_name(name COLLATE NOCASE) (NOCASE folds ASCII only, as LIKE does: exact
+//       and literal-head name searches).
 //
 //   symbol_names: FTS5 table, trigram tokenizer, detail=none, external content = symbols,
 //       one column `name`; rowid = symbols.id. It makes LIKE over names use an index even
@@ -182,6 +184,10 @@ public:
     Statement& bind(int index, const std::string& value) { return bind(index, std::string_view(value)); }
     Statement& bind(int index, const std::optional<std::string>& value);
     Statement& bind(int index, std::optional<std::int64_t> value);
+    // Text that stays alive and unchanged until the statement is reset: bound without a copy.
+    Statement& bind_static(int index, std::string_view value);
+    Statement& bind_static(int index, const std::string& value) { return bind_static(index, std::string_view(value)); }
+    Statement& bind_static(int index, const std::optional<std::string>& value);
     Statement& bind_null(int index);
 
     // Advances; true while a row is available.
