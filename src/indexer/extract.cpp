@@ -98,6 +98,7 @@ int usage_priority(Usage usage) {
 }
 
 bool is_scope(const RawDef& def) {
+    if (def.forms_scope) return true;
     switch (def.kind) {
         case Kind::type:
         case Kind::variable:

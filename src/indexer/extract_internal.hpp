@@ -161,6 +161,7 @@ struct RawDef {
     bool own_export = false;  // the language's export rule for the definition itself
     bool detached_scope = false;  // `scope` replaces the enclosing scopes (Go receivers)
     bool suppressed = false;  // a repeated instance attribute: not emitted
+    bool forms_scope = false;  // qualifies what is inside it though its kind does not (TS object types)
     std::uint32_t start_byte = 0;
     std::uint32_t end_byte = 0;
     // Filled by the engine.

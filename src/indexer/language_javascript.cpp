@@ -86,6 +86,8 @@ public:
             exported = std::find(ctx.export_names.begin(), ctx.export_names.end(), def.name) != ctx.export_names.end();
         }
         def.own_export = exported;
+        // `type T = { a: string }`: the members are T's.
+        if (def.kind == Kind::type && node_is(child_by_field(def.node, "value"), "object_type")) def.forms_scope = true;
         out.push_back(std::move(def));
     }
 
@@ -96,7 +98,14 @@ public:
         return module;
     }
 
+    // Class and interface members: public unless private; declarations in namespaces: `export`.
     bool member_export(const Context& ctx, const RawDef& def) const override {
+        static constexpr std::string_view kMembers[] = {
+            "method_definition", "field_definition", "public_field_definition", "property_signature",
+            "method_signature", "abstract_method_signature",
+        };
+        std::string_view type = ts_node_type(def.node);
+        if (std::find(std::begin(kMembers), std::end(kMembers), type) == std::end(kMembers)) return def.own_export;
         if (def.name.starts_with('#')) return false;
         return !has_private_modifier(ctx, def.node);
     }

@@ -11,6 +11,23 @@ namespace orvane_kestrix::indexer::detail {
 
 namespace {
 
+// @property, @cached_property, @x.setter, @x.deleter: the function is an attribute.
+bool is_property(const Context& ctx, TSNode decorated) {
+    std::uint32_t count = ts_node_named_child_count(decorated);
+    for (std::uint32_t i = 0; i < count; ++i) {
+        TSNode decorator = ts_node_named_child(decorated, i);
+        if (!node_is(decorator, "decorator")) continue;
+        std::string_view name = node_text(ctx.text, ts_node_named_child(decorator, 0));
+        std::size_t dot = name.find_last_of('.');
+        std::string_view last = dot == std::string_view::npos ? name : name.substr(dot + 1);
+        if (last == "property" || last == "cached_property" || last == "setter" || last == "deleter" ||
+            last == "getter") {
+            return true;
+        }
+    }
+    return false;
+}
+
 class PythonRules final : public LanguageRules {
 public:
     // __all__ = [...] / (...) at module level names the exports exactly.
@@ -37,7 +54,10 @@ public:
         if (def.name.empty()) return;
         TSNode parent = ts_node_parent(def.node);
         if (def.kind == Kind::class_ || def.kind == Kind::function) {
-            if (node_is(parent, "decorated_definition")) def.outer = parent;
+            if (node_is(parent, "decorated_definition")) {
+                def.outer = parent;
+                if (def.kind == Kind::function && is_property(ctx, parent)) def.kind = Kind::property;
+            }
         } else if (node_is(parent, "expression_statement")) {
             def.outer = parent;
         }
@@ -65,7 +85,7 @@ public:
 
     std::optional<std::string> docstring(const Context& ctx, const RawDef& def,
                                          const std::vector<TSNode>& comments) const override {
-        if (def.kind == Kind::class_ || def.kind == Kind::function || def.kind == Kind::method) {
+        if (node_is(def.node, "class_definition") || node_is(def.node, "function_definition")) {
             TSNode body = child_by_field(def.node, "body");
             if (!ts_node_is_null(body) && ts_node_named_child_count(body) > 0) {
                 TSNode first = ts_node_named_child(body, 0);
@@ -83,7 +103,7 @@ public:
 
     std::optional<std::string> signature(const Context& ctx, const RawDef& def) const override {
         std::string head = head_signature(ctx.text, def.node, def.node);
-        if (def.kind == Kind::class_ || def.kind == Kind::function || def.kind == Kind::method) {
+        if (node_is(def.node, "class_definition") || node_is(def.node, "function_definition")) {
             while (!head.empty() && (head.back() == ':' || head.back() == ' ')) head.pop_back();
         }
         return head;

@@ -242,6 +242,149 @@ TEST(Languages, ModuleNames) {
 }
 
 // ---------------------------------------------------------------------------------------------
+// Language rules the sample repository does not exercise: each case lists every symbol as
+// "kind fqn" with " export" when exported, in source order.
+
+TEST(ExtractionRules, SymbolsPerLanguage) {
+    struct Case {
+        const char* label;
+        Language language;
+        const char* path;
+        const char* source;
+        std::vector<std::string> symbols;
+    };
+    const std::vector<Case> cases = {
+        {"python: no __all__, underscores, properties, nested functions, repeated attributes",
+         Language::python, "pkg/m.py",
+         "class A:\n"
+         "    def __init__(self):\n"
+         "        self.x = 1\n"
+         "        self.x = 2\n"
+         "        self._y = 3\n"
+         "    @property\n"
+         "    def size(self):\n"
+         "        return 1\n"
+         "class _Hidden:\n"
+         "    def run(self):\n"
+         "        def helper():\n"
+         "            pass\n"
+         "lower = 1\n",
+         {"class pkg.m.A export", "method pkg.m.A.__init__", "field pkg.m.A.x export", "field pkg.m.A._y",
+          "property pkg.m.A.size export", "class pkg.m._Hidden", "method pkg.m._Hidden.run",
+          "function pkg.m._Hidden.run.helper", "variable pkg.m.lower export"}},
+        {"javascript: class expressions, CommonJS exports, accessors, private members, export clauses",
+         Language::javascript, "lib/x.js",
+         "const Box = class {\n"
+         "  get size() { return 1; }\n"
+         "  #secret() {}\n"
+         "};\n"
+         "exports.make = function () {};\n"
+         "function helper() {}\n"
+         "let counter = 0;\n"
+         "export { helper as publicHelper, Box };\n",
+         {"class lib.x.Box export", "property lib.x.Box.size export", "method lib.x.Box.#secret",
+          "function lib.x.make export", "function lib.x.helper export", "variable lib.x.counter"}},
+        {"typescript: namespaces, ambient modules, abstract classes, type members", Language::typescript,
+         "src/t.ts",
+         "export namespace Geo {\n"
+         "  export function area(): number { return 0; }\n"
+         "  function hidden() {}\n"
+         "}\n"
+         "declare module \"ext\" {\n"
+         "  export function f(): void;\n"
+         "}\n"
+         "export abstract class Shape {\n"
+         "  abstract area(): number;\n"
+         "  protected name = \"\";\n"
+         "}\n"
+         "type Opts = { verbose: boolean; run(): void };\n",
+         {"namespace src.t.Geo export", "function src.t.Geo.area export", "function src.t.Geo.hidden",
+          "module src.t.ext", "function src.t.ext.f", "class src.t.Shape export", "method src.t.Shape.area export",
+          "field src.t.Shape.name", "type src.t.Opts", "property src.t.Opts.verbose", "method src.t.Opts.run"}},
+        {"go: grouped declarations, generic receivers, embedded fields", Language::go, "pkg/q/q.go",
+         "package q\n"
+         "const (\n"
+         "\tA = 1\n"
+         "\tb = 2\n"
+         ")\n"
+         "type List[T any] struct {\n"
+         "\tBase\n"
+         "\titems []T\n"
+         "}\n"
+         "func (l *List[T]) Len() int { return 0 }\n"
+         "func helper() {}\n",
+         {"constant q.A export", "constant q.b", "struct q.List export", "field q.List.items",
+          "method q.List.Len export", "function q.helper"}},
+        {"rust: generic impls, trait defaults, restricted visibility, nested functions", Language::rust,
+         "src/shapes.rs",
+         "pub struct Grid<T> { cells: Vec<T> }\n"
+         "impl<T> Grid<T> {\n"
+         "    pub fn new() -> Self { fn inner() {} Grid { cells: Vec::new() } }\n"
+         "    pub(crate) fn len(&self) -> usize { 0 }\n"
+         "}\n"
+         "pub trait Shape { fn area(&self) -> f64 { 0.0 } }\n"
+         "static mut COUNT: u32 = 0;\n",
+         {"struct shapes.Grid export", "field shapes.Grid.cells", "method shapes.Grid.new export",
+          "function shapes.Grid.new.inner", "method shapes.Grid.len", "trait shapes.Shape export",
+          "method shapes.Shape.area export", "variable shapes.COUNT"}},
+        {"java: nested types, interface members, constants, anonymous classes", Language::java, "A.java",
+         "package p;\n"
+         "public class A {\n"
+         "  public static final int MAX = 3;\n"
+         "  int count;\n"
+         "  public interface Listener { void on(); int LIMIT = 2; }\n"
+         "  private enum Mode { ON; public void flip() {} }\n"
+         "  public Runnable r() { return new Runnable() { public void run() {} }; }\n"
+         "}\n",
+         {"class p.A export", "constant p.A.MAX export", "field p.A.count", "interface p.A.Listener export",
+          "method p.A.Listener.on export", "constant p.A.Listener.LIMIT export", "enum p.A.Mode",
+          "method p.A.Mode.flip", "method p.A.r export", "method p.A.r.run"}},
+        {"c: static functions, function pointers, anonymous typedef structs, locals", Language::c, "src/a.c",
+         "static int counter;\n"
+         "int (*handler)(int);\n"
+         "const int LIMIT = 4;\n"
+         "typedef struct { int x; int y; } point_t;\n"
+         "typedef int (*cmp_fn)(const void *, const void *);\n"
+         "static void tick(void) { int local = 0; int later(void); (void)local; }\n"
+         "int *make(void) { return 0; }\n"
+         "#define SQUARE(x) ((x) * (x))\n",
+         {"variable counter", "variable handler export", "constant LIMIT export", "struct point_t export",
+          "field point_t.x export", "field point_t.y export", "type cmp_fn export", "function tick",
+          "function make export", "function SQUARE"}},
+        {"c++: templates, access sections, destructors, operators, anonymous namespaces", Language::cpp,
+         "src/w.cpp",
+         "namespace app {\n"
+         "template <typename T> class Box {\n"
+         "  T value_;\n"
+         "public:\n"
+         "  ~Box();\n"
+         "  bool operator==(const Box& o) const;\n"
+         "protected:\n"
+         "  void hook();\n"
+         "};\n"
+         "template <typename T> Box<T>::~Box() {}\n"
+         "namespace { void hidden() {} }\n"
+         "struct Plain { int a; };\n"
+         "}\n"
+         "static void local_fn() {}\n",
+         {"namespace app export", "class app.Box export", "field app.Box.value_", "method app.Box.~Box export",
+          "method app.Box.operator== export", "method app.Box.hook", "method app.Box.~Box export",
+          "function app.hidden", "struct app.Plain export", "field app.Plain.a export", "function local_fn"}},
+        {"c++ header: everything declared is exported", Language::cpp, "include/h.hpp",
+         "static inline int twice(int x) { return 2 * x; }\nclass C { void priv(); public: void pub(); };\n",
+         {"function twice export", "class C export", "method C.priv", "method C.pub export"}},
+    };
+    Extractor extractor;
+    for (const auto& c : cases) {
+        FileExtraction x = extractor.extract(c.language, c.path, c.source);
+        std::vector<std::string> actual;
+        for (const auto& sym : x.symbols) actual.push_back(sym.kind + " " + sym.fqn + (sym.is_export ? " export" : ""));
+        EXPECT_EQ(actual, c.symbols) << c.label;
+        EXPECT_FALSE(x.has_syntax_errors) << c.label;
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
 // Inputs that must not break extraction.
 
 TEST(ExtractionRobustness, EmptyFilesOfEveryLanguage) {

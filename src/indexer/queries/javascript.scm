@@ -20,6 +20,11 @@
   name: (identifier) @name
   value: [(arrow_function) (function_expression) (generator_function)]) @definition.function
 
+; `const Name = class { ... }`
+(variable_declarator
+  name: (identifier) @name
+  value: (class)) @definition.class
+
 ; Module-level declarations: `const` gives constants, `let` and `var` variables.
 (program
   (lexical_declaration
