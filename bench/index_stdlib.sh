@@ -6,12 +6,12 @@
 #   bench/index_stdlib.sh [KESTRIX_BINARY]      (default: build/kestrix)
 #
 # Works on a copy of the standard library (without site-packages and __pycache__) in a
-# temporary directory; the index goes there too. Needs python3, ctags, /usr/bin/time, sqlite3.
+# temporary directory; the index goes there too. Needs python3, ctags and /usr/bin/time.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 kestrix=$(realpath "${1:-${KESTRIX:-build/kestrix}}")
 [ -x "$kestrix" ] || { echo "index_stdlib: no kestrix binary at $kestrix (build it first)" >&2; exit 2; }
-for tool in python3 ctags /usr/bin/time sqlite3; do
+for tool in python3 ctags /usr/bin/time; do
   command -v "$tool" >/dev/null || { echo "index_stdlib: $tool is missing" >&2; exit 2; }
 done
 
@@ -34,15 +34,17 @@ measure ctags -R --output-format=json --fields=+neKS -f "$work/tags.json" "$tree
 ctags_wall=$wall
 ctags_tags=$(wc -l <"$work/tags.json")
 
-measure "$kestrix" index --repo "$tree" --db "$db"
+measure "$kestrix" index --repo "$tree" --db "$db" --timings
 full_wall=$wall
+full_timings=$(cat "$work/err.txt")
 full_peak_kb=$peak_kb
 summary=$(cat "$work/out.txt")
-files=$(sqlite3 "$db" "SELECT count(*) FROM files")
-bytes=$(sqlite3 "$db" "SELECT sum(size) FROM files")
-symbols=$(sqlite3 "$db" "SELECT count(*) FROM symbols")
-references=$(sqlite3 "$db" "SELECT count(*) FROM refs")
-resolved=$(sqlite3 "$db" "SELECT count(DISTINCT ref_id) FROM ref_targets")
+sql() { python3 -c 'import sqlite3, sys; print(sqlite3.connect(sys.argv[1]).execute(sys.argv[2]).fetchone()[0])' "$db" "$1"; }
+files=$(sql "SELECT count(*) FROM files")
+bytes=$(sql "SELECT sum(size) FROM files")
+symbols=$(sql "SELECT count(*) FROM symbols")
+references=$(sql "SELECT count(*) FROM refs")
+resolved=$(sql "SELECT count(DISTINCT ref_id) FROM ref_targets")
 
 measure "$kestrix" index --repo "$tree" --db "$db"
 noop_wall=$wall
@@ -51,8 +53,9 @@ noop_summary=$(cat "$work/out.txt")
 # Change the content of 10 Python files spread over the tree.
 mapfile -t changed < <(cd "$tree" && find . -name '*.py' -size +2k | sort | awk 'NR % 97 == 1' | head -10)
 for file in "${changed[@]}"; do printf '\n# changed by the benchmark\n' >>"$tree/$file"; done
-measure "$kestrix" index --repo "$tree" --db "$db"
+measure "$kestrix" index --repo "$tree" --db "$db" --timings
 touched_wall=$wall
+touched_timings=$(cat "$work/err.txt")
 touched_summary=$(cat "$work/out.txt")
 
 python3 - "$full_wall" "$full_peak_kb" "$files" "$bytes" "$symbols" "$references" "$resolved" \
@@ -80,6 +83,8 @@ checks = [
 print("targets:           " + ", ".join(f"{name}: {'met' if ok else 'MISSED'}" for name, ok in checks))
 EOF
 echo "summaries:"
-echo "  $summary"
-echo "  $noop_summary"
-echo "  $touched_summary"
+echo "  full:    $summary"
+echo "           $full_timings"
+echo "  no-op:   $noop_summary"
+echo "  changed: $touched_summary"
+echo "           $touched_timings"

@@ -164,6 +164,28 @@ TEST_F(IndexRobustness, ReplacesInvalidUtf8AndNormalisesLineEndsBeforeParsing) {
     EXPECT_EQ(query("SELECT production_fan_in FROM symbols WHERE start_line = 1"), "1");
 }
 
+TEST_F(IndexRobustness, CountsAFileDeletedDuringTheRun) {
+    write("a.py", "def a\n");
+    write("z.py", "def z\n");
+    IndexOptions options;
+    options.repo = root_;
+    options.db = db_;
+    options.jobs = 1;  // files are taken in path order: a.py is parsed before z.py is read
+    options.use_git = false;
+    const fs::path doomed = root_ / "z.py";
+    options.make_extractor = [doomed] {
+        ExtractFunction parse = line_parser(nullptr);
+        return [parse, doomed](Language language, std::string_view path, std::string_view content) {
+            std::error_code error;
+            fs::remove(doomed, error);
+            return parse(language, path, content);
+        };
+    };
+    const IndexStats stats = IndexBuilder(options).run();
+    EXPECT_EQ(stats.skipped, (std::map<std::string, std::int64_t>{{"missing", 1}}));
+    EXPECT_EQ(query("SELECT path FROM files"), "a.py");
+}
+
 TEST_F(IndexRobustness, CountsAnUnreadableFile) {
     if (geteuid() == 0) GTEST_SKIP() << "root reads files whatever their mode";
     write("good.py", "def good\n");
