@@ -17,6 +17,10 @@
 //           covering tests have not yet been recomputed (an interrupted run); the next run
 //           recomputes them even when no file changed. "0" otherwise.
 //       "indexed_at": the UTC time of the last completed run, ISO 8601.
+//       "packages": the Go modules and Rust crates the last refresh resolved imports with;
+//           a change makes the next run recompute references.
+//       "parser_revision": the parser output revision the files were parsed with; another
+//           value makes the next run parse every file again.
 //
 //   components(id INTEGER PRIMARY KEY, name TEXT UNIQUE)
 //       A directory holding a package manifest (pyproject.toml, setup.py, package.json, go.mod,
