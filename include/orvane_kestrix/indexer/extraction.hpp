@@ -32,9 +32,14 @@ struct ExtractedSymbol {
     std::optional<std::string> docstring;  // markers stripped; cut at the limit
     bool docstring_truncated = false;
     bool is_export = false;
-    std::optional<std::size_t> parent;  // index of the enclosing definition in `symbols`
+    // Index of the enclosing definition in `symbols`. A method defined apart from its type
+    // (Go receiver, Rust impl block, C++ `A::f`) has the type's symbol when the type is in the
+    // same file, else the definition around it (a namespace) or none.
+    std::optional<std::size_t> parent;
 };
 
+// A use of a name. Imports are uses too: the imported name, qualified by the module as written
+// (`from .x import y`: name "y", qualifier ".x"; `import a.b`: name "b", qualifier "a").
 struct ExtractedReference {
     std::string name;       // the referenced identifier (last component), e.g. "join"
     std::string qualifier;  // what precedes it as written, e.g. "os.path"; empty when bare
@@ -45,8 +50,12 @@ struct ExtractedReference {
 };
 
 struct ExtractedImport {
-    std::string module;  // as written: "pkg.mod", "./util", "fmt", "crate::a::b", "x.h", "com.x.Y"
-    std::vector<std::string> names;  // names imported from it; empty when the module itself is
+    // As written: "pkg.mod", ".rel", "./util", "fmt", "crate::a::b", "x.h", "com.x.Y".
+    // C/C++ angle includes keep their brackets ("<vector>"); quoted ones lose their quotes.
+    std::string module;
+    // Names imported from it ("*" for a wildcard); empty when the module itself is. A JS default
+    // import lists its local name.
+    std::vector<std::string> names;
     std::optional<std::string> alias;
     std::int64_t line = 1;
 };
@@ -66,8 +75,16 @@ struct ExtractorOptions {
     std::size_t docstring_limit = 4000;  // bytes; longer docstrings are cut and flagged
 };
 
+// Module names (the prefix of fqns) by language: Python, the path without ".py" with "/" as
+// "." ("pkg/__init__.py" is "pkg"; a leading ".../src/" is dropped); JS/TS, the path without
+// its extension, dotted; Go, the package clause; Rust, the path below src/ (or tests/...),
+// dotted, with lib.rs, main.rs and mod.rs standing for their directory; Java, the package;
+// C and C++, none (namespaces qualify); Markdown, the dotted path.
+
 // Parses files of any supported language. Not thread-safe: one extractor per thread
-// (compiled queries are shared between extractors internally).
+// (compiled queries are shared between extractors internally). Any bytes are accepted: the
+// content is read as the index reads files (ill-formed UTF-8 replaced, CR LF and CR as LF, so
+// line numbers match), and every string of the result is valid UTF-8.
 class Extractor {
 public:
     explicit Extractor(ExtractorOptions options = {});
