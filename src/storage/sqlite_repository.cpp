@@ -46,12 +46,23 @@ struct ResetOnExit {
 // Search statements share their tail: the source-only switch (?2) and the id order. The
 // recheck of the pattern is written `+s.name LIKE ?1` so that SQLite never treats the pattern
 // as an index key, which would recompile the statement for every new pattern.
-constexpr const char* kSearchTail = " AND (?2 = 0 OR f.is_source = 1) ORDER BY s.id";
+// ?5 is the row limit (one past the caller's, to tell whether the cut dropped matches).
+constexpr const char* kSearchTail = " AND (?2 = 0 OR f.is_source = 1) ORDER BY s.id LIMIT ?5";
 
 std::string search_sql(const char* where) {
     return std::string("SELECT " KESTRIX_SYMBOL_COLUMNS " FROM symbols AS s JOIN files AS f ON f.id = s.file_id WHERE ") +
            where + kSearchTail;
 }
+
+// The trigram route walks the trigram table's hits in id order and stops at the limit, so a
+// common word costs no more than a rare one. Its MATCH expression (?3) asks for every trigram
+// of the pattern's literal runs; the table folds case beyond ASCII and, without positions,
+// cannot check their order, so the LIKE is repeated on the name.
+constexpr const char* kTrigramSearch =
+    "SELECT " KESTRIX_SYMBOL_COLUMNS " FROM symbol_names CROSS JOIN symbols AS s ON s.id = symbol_names.rowid "
+    "CROSS JOIN files AS f ON f.id = s.file_id "
+    "WHERE symbol_names MATCH ?3 AND +s.name LIKE ?1 AND (?2 = 0 OR f.is_source = 1) "
+    "ORDER BY symbol_names.rowid LIMIT ?5";
 
 bool is_wildcard(char c) { return c == '%' || c == '_'; }
 
@@ -66,15 +77,36 @@ NamePatternPlan plan_name_pattern(std::string_view pattern) {
         plan.route = NamePatternRoute::exact;
         return plan;
     }
-    // The trigram table narrows a LIKE by its runs of three or more literal characters.
-    std::size_t run = 0;
-    for (const char c : pattern) {
-        if (is_wildcard(c)) {
-            run = 0;
-        } else if (!is_continuation(static_cast<unsigned char>(c)) && ++run >= 3) {
-            plan.route = NamePatternRoute::trigram;
-            return plan;
+    // The trigram table narrows a LIKE by the trigrams of its runs of three or more literal
+    // characters: every one of them must occur in a matching name.
+    std::vector<std::string> trigrams;
+    std::size_t run_start = 0;
+    for (std::size_t i = 0; i <= pattern.size(); ++i) {
+        if (i < pattern.size() && !is_wildcard(pattern[i])) continue;
+        std::vector<std::size_t> chars;
+        for (std::size_t j = run_start; j < i; ++j) {
+            if (!is_continuation(static_cast<unsigned char>(pattern[j]))) chars.push_back(j);
         }
+        chars.push_back(i);
+        for (std::size_t k = 0; k + 3 < chars.size(); ++k) {
+            std::string trigram(pattern.substr(chars[k], chars[k + 3] - chars[k]));
+            if (trigram.find('\0') != std::string::npos) continue;  // not expressible; the recheck stays
+            if (std::find(trigrams.begin(), trigrams.end(), trigram) == trigrams.end()) trigrams.push_back(std::move(trigram));
+        }
+        run_start = i + 1;
+    }
+    if (!trigrams.empty()) {
+        plan.route = NamePatternRoute::trigram;
+        for (const auto& trigram : trigrams) {
+            if (!plan.match.empty()) plan.match += " AND ";
+            plan.match.push_back('"');
+            for (const char c : trigram) {
+                if (c == '"') plan.match.push_back('"');
+                plan.match.push_back(c);
+            }
+            plan.match.push_back('"');
+        }
+        return plan;
     }
     const std::size_t head = std::find_if(pattern.begin(), pattern.end(), is_wildcard) - pattern.begin();
     if (head == 0) return plan;  // scan
@@ -99,8 +131,7 @@ struct SqliteRepository::Statements {
           component_by_name(db.prepare("SELECT id, name FROM components WHERE name = ?1")),
           files_by_component(db.prepare("SELECT id, path FROM files WHERE component_id = ?1 ORDER BY id")),
           search_exact(db.prepare(search_sql("s.name = ?1 COLLATE NOCASE"))),
-          search_trigram(db.prepare(search_sql(
-              "s.id IN (SELECT rowid FROM symbol_names WHERE symbol_names.name LIKE ?1) AND +s.name LIKE ?1"))),
+          search_trigram(db.prepare(kTrigramSearch)),
           search_prefix(db.prepare(search_sql(
               "s.name >= ?3 COLLATE NOCASE AND s.name < ?4 COLLATE NOCASE AND +s.name LIKE ?1"))),
           search_scan(db.prepare(search_sql("+s.name LIKE ?1"))),
@@ -113,7 +144,13 @@ struct SqliteRepository::Statements {
               "CROSS JOIN covering_tests AS ct ON ct.source_file_id = src.id "
               "JOIN files AS t ON t.id = ct.test_file_id "
               "GROUP BY t.path, src.path ORDER BY t.path, src.path")),
-          symbols_by_file(db.prepare("SELECT " KESTRIX_SYMBOL_COLUMNS " FROM symbols AS s WHERE s.file_id = ?1 ORDER BY s.id")),
+          // A file's symbols are written together, so their ids form one run: reading that
+          // run of the table in order beats a lookup per symbol and a sort. The file_id test
+          // keeps the answer right whatever the ids.
+          symbols_by_file(db.prepare(
+              "SELECT " KESTRIX_SYMBOL_COLUMNS " FROM symbols AS s "
+              "WHERE s.id BETWEEN (SELECT min(id) FROM symbols WHERE file_id = ?1) "
+              "AND (SELECT max(id) FROM symbols WHERE file_id = ?1) AND +s.file_id = ?1 ORDER BY s.id")),
           references(db.prepare(
               "SELECT r.usage_type, c.id, c.fqn, c.kind, c.name, r.context "
               "FROM refs AS r JOIN files AS f ON f.id = r.file_id LEFT JOIN symbols AS c ON c.id = r.caller_id "
@@ -143,6 +180,10 @@ storage::Database configured(storage::Database db) {
     // Plans must not depend on bound values: a LIKE pattern bound to a statement would
     // otherwise make SQLite recompile it whenever the pattern changes.
     sqlite3_db_config(db.handle(), SQLITE_DBCONFIG_ENABLE_QPSG, 1, nullptr);
+    // Pages are read through a memory map rather than copied in by a system call each; the
+    // page cache keeps the hot part of a large index.
+    db.exec("PRAGMA mmap_size = 1073741824");
+    db.exec("PRAGMA cache_size = -32768");
     return db;
 }
 
@@ -185,13 +226,15 @@ SymbolSearchResult SqliteRepository::search_symbols(const std::string& pattern, 
     ResetOnExit guard{*q};
     q->bind(1, pattern);
     q->bind(2, source_only);
+    if (plan.route == NamePatternRoute::trigram) q->bind(3, plan.match);
     if (plan.route == NamePatternRoute::prefix) {
         q->bind(3, plan.lower);
         q->bind(4, plan.upper);
     }
+    // One row past the limit tells whether the cut dropped matches; a negative limit is none.
+    q->bind(5, limit < 0 ? std::int64_t{-1} : limit + 1);
     SymbolSearchResult result;
     result.pattern = pattern;
-    // Rows past the limit are only counted, never decoded.
     while (q->step()) {
         if (limit < 0 || result.total < limit) result.symbols.push_back(read_symbol(*q));
         ++result.total;

@@ -154,6 +154,7 @@ TEST_F(SqliteRepositoryTest, SearchAgreesWithAPlainScanForEveryRoute) {
         "Ma%",   "mA_rix",    "r%g",      "%ing",     "%ring%",   "%RING%",    "ring_%_",  "p%e",    "%e%e%",
         "%_%_%", "get%",      "%Product%", "Product", "productrow", "%price%", "__init__", "_log",   "%x",
         "X",     "%Test%",    "test_%",   "%a_d%",     "%st_ck%",  "Z%",       "zz%",      "%.%",     "% %",
+        "%\"ab%", "%ri\"ng%", "%ring%push%", "%push%ring%", "%Dist%", "%_%ring",
     };
     for (const bool source_only : {true, false}) {
         for (const auto& pattern : patterns) {
@@ -169,16 +170,22 @@ TEST_F(SqliteRepositoryTest, SearchAgreesWithAPlainScanForEveryRoute) {
     }
 }
 
-TEST_F(SqliteRepositoryTest, SearchCutsToTheLimitAndCountsEveryMatch) {
+TEST_F(SqliteRepositoryTest, SearchCutsToTheLimitAndBoundsTheCount) {
     const auto all = repo_->search_symbols("%", -1, true);
-    for (const std::int64_t limit : {0, 1, 5, 50}) {
-        const auto cut = repo_->search_symbols("%%", limit, true);
-        ASSERT_EQ(cut.symbols.size(), static_cast<std::size_t>(std::min<std::int64_t>(limit, all.total))) << limit;
-        EXPECT_EQ(cut.total, all.total);
-        for (std::size_t i = 0; i < cut.symbols.size(); ++i) EXPECT_EQ(cut.symbols[i].id, all.symbols[i].id);
+    ASSERT_GT(all.total, 50);
+    for (const std::string pattern : {"%%", "%", "%e%", "%ing%", "r%"}) {
+        const auto every = repo_->search_symbols(pattern, -1, true);
+        for (const std::int64_t limit : {0, 1, 5, 50}) {
+            const auto cut = repo_->search_symbols(pattern, limit, true);
+            const auto kept = std::min<std::int64_t>(limit, every.total);
+            ASSERT_EQ(static_cast<std::int64_t>(cut.symbols.size()), kept) << pattern << " " << limit;
+            // Exact when nothing was cut, else one past the limit.
+            EXPECT_EQ(cut.total, every.total <= limit ? every.total : limit + 1) << pattern << " " << limit;
+            for (std::size_t i = 0; i < cut.symbols.size(); ++i) EXPECT_EQ(cut.symbols[i].id, every.symbols[i].id);
+        }
     }
     // Markdown sections are the only symbols of files that are not source code.
-    EXPECT_EQ(repo_->search_symbols("%", 0, false).total - all.total, 8);
+    EXPECT_EQ(repo_->search_symbols("%", -1, false).total - all.total, 8);
 }
 
 TEST(NamePatternPlan, ChoosesTheCheapestRouteThatCannotMissAMatch) {
@@ -193,6 +200,7 @@ TEST(NamePatternPlan, ChoosesTheCheapestRouteThatCannotMissAMatch) {
         {"%read%", NamePatternRoute::trigram, "", ""},
         {"read_line", NamePatternRoute::trigram, "", ""},
         {"%éèà%", NamePatternRoute::trigram, "", ""},  // three characters, six bytes
+        {"a\"bc%", NamePatternRoute::trigram, "", ""},
         {"%éè%", NamePatternRoute::scan, "", ""},
         {"%%", NamePatternRoute::scan, "", ""},
         {"_", NamePatternRoute::scan, "", ""},
@@ -207,6 +215,12 @@ TEST(NamePatternPlan, ChoosesTheCheapestRouteThatCannotMissAMatch) {
         EXPECT_EQ(plan.lower, c.lower) << c.pattern;
         EXPECT_EQ(plan.upper, c.upper) << c.pattern;
     }
+    // Every trigram of every literal run, once, quoted for FTS5.
+    EXPECT_EQ(plan_name_pattern("%read%").match, "\"rea\" AND \"ead\"");
+    EXPECT_EQ(plan_name_pattern("rea_x_line%").match, "\"rea\" AND \"lin\" AND \"ine\"");
+    EXPECT_EQ(plan_name_pattern("%abcabc%").match, "\"abc\" AND \"bca\" AND \"cab\"");
+    EXPECT_EQ(plan_name_pattern("%éèàç%").match, "\"éèà\" AND \"èàç\"");
+    EXPECT_EQ(plan_name_pattern("a\"bc%").match, "\"a\"\"b\" AND \"\"\"bc\"");
 }
 
 TEST_F(SqliteRepositoryTest, ComponentsAndTheirFiles) {

@@ -9,11 +9,14 @@
 // Answers and their order:
 // - search_symbols: names matched as SQLite's LIKE does (ASCII letters fold, other characters
 //   compare exactly, "%" any run, "_" one character, no escape character), in id order (the
-//   order of indexing, source order within a file). `total` counts every match before the
-//   cut, exactly. How a pattern is looked up depends on its shape: without wildcards, through
-//   the NOCASE index on names; with a run of three or more literal characters, through the
-//   trigram table symbol_names, rechecked with LIKE; with a literal head, through a range of
-//   the NOCASE index; otherwise by a scan.
+//   order of indexing, source order within a file). `total` is a cheap bound: the exact number
+//   of matches when they fit within the limit, else limit + 1 ("more than the limit"); the
+//   search stops there instead of counting every match of a common word. With a negative
+//   limit nothing is cut and `total` is exact. How a pattern is looked up depends on its
+//   shape: without wildcards, through the NOCASE index on names; with a run of three or more
+//   literal characters, through the trigram table symbol_names (every trigram of the runs
+//   must occur), rechecked with LIKE; with a literal head, through a range of the NOCASE
+//   index; otherwise by a scan in id order.
 // - find_covering_tests: one record per test file, ordered by the test file's path; its
 //   `reaches` holds the asked paths it reaches, ordered by path.
 // - get_symbols_by_file: by id.
@@ -24,6 +27,8 @@
 
 #include <filesystem>
 #include <memory>
+#include <string>
+#include <string_view>
 
 #include "orvane_kestrix/storage/repository.hpp"
 #include "orvane_kestrix/storage/sqlite_schema.hpp"
@@ -74,6 +79,8 @@ enum class NamePatternRoute {
 
 struct NamePatternPlan {
     NamePatternRoute route = NamePatternRoute::scan;
+    // For `trigram`: the MATCH expression, the pattern's distinct trigrams ANDed, each quoted.
+    std::string match;
     // For `prefix`: the bounds of the range, ASCII-lowercased; every matching name lies in
     // [lower, upper) under NOCASE.
     std::string lower;
