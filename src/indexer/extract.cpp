@@ -197,6 +197,7 @@ private:
                         anonymous_scope = true;
                         break;
                     case Role::export_name: ctx_.export_names.push_back(node_text(ctx_.text, capture.node)); break;
+                    case Role::tokens: rules_.token_references(ctx_, capture.node, refs_); break;
                 }
             }
             if (!ts_node_is_null(def)) {

@@ -68,6 +68,7 @@ enum class Role : std::uint8_t {
     scope_name,   // the impl's type
     scope_anonymous,  // a C++ anonymous namespace
     export_name,  // a name exported by an export clause (JavaScript)
+    tokens,       // tokens the grammar leaves unparsed (Rust macro arguments), read by the rules
 };
 
 struct CaptureInfo {
@@ -217,6 +218,8 @@ public:
     virtual void imports(Context& ctx, TSNode node, std::vector<RawRef>& refs) const = 0;
     // Completes a reference (its name node when the query left it to the rules) or drops it.
     virtual bool complete_reference(const Context& ctx, RawRef& ref) const;
+    // Adds the uses found in a run of unparsed tokens.
+    virtual void token_references(const Context& ctx, TSNode tokens, std::vector<RawRef>& refs) const;
 };
 
 const LanguageRules& rules_for(Language language);

@@ -95,6 +95,8 @@ bool LanguageRules::complete_reference(const Context&, RawRef& ref) const {
     return !ts_node_is_null(ref.name_node);
 }
 
+void LanguageRules::token_references(const Context&, TSNode, std::vector<RawRef>&) const {}
+
 // ---------------------------------------------------------------------------------------------
 
 std::optional<std::string> comment_block_above(const Context& ctx, std::uint32_t anchor_row,

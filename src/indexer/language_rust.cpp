@@ -115,6 +115,53 @@ public:
                !(ref.usage == Usage::type && node_text(ctx.text, ref.name_node) == "Self");
     }
 
+    // Calls inside macro arguments (`assert_eq!(a.len(), 1)`): an identifier followed by a
+    // parenthesised group, or by `!` (a nested macro), qualified by the `.`/`::` chain before it.
+    void token_references(const Context& ctx, TSNode tokens, std::vector<RawRef>& refs) const override {
+        std::vector<TSNode> children;
+        std::vector<TSNode> pending{tokens};
+        while (!pending.empty()) {
+            TSNode tree = pending.back();
+            pending.pop_back();
+            children.clear();
+            std::uint32_t count = ts_node_child_count(tree);
+            for (std::uint32_t i = 0; i < count; ++i) children.push_back(ts_node_child(tree, i));
+            for (std::size_t i = 0; i < children.size(); ++i) {
+                TSNode child = children[i];
+                if (node_is(child, "token_tree")) {
+                    pending.push_back(child);
+                    continue;
+                }
+                if (!node_is(child, "identifier") || i + 1 >= children.size()) continue;
+                TSNode next = children[i + 1];
+                bool call = (node_is(next, "token_tree") && node_text(ctx.text, next).starts_with('(')) ||
+                            std::string_view(ts_node_type(next)) == "!";
+                if (!call) continue;
+                // Back over `a.b::` to the start of the chain.
+                std::size_t start = i;
+                while (start >= 2) {
+                    std::string_view separator = ts_node_type(children[start - 1]);
+                    TSNode element = children[start - 2];
+                    bool chained = node_is(element, "identifier") || node_is(element, "self") ||
+                                   node_is(element, "super") || node_is(element, "crate") ||
+                                   node_is(element, "token_tree");
+                    if ((separator != "." && separator != "::") || !chained) break;
+                    start -= 2;
+                    // A group is chained only as a call's arguments: `f(x).g()`.
+                    if (node_is(element, "token_tree") && start >= 1 && node_is(children[start - 1], "identifier")) {
+                        --start;
+                    }
+                }
+                RawRef ref;
+                ref.anchor = child;
+                ref.name_node = child;
+                if (start < i) ref.callee = children[start];
+                ref.usage = Usage::call;
+                refs.push_back(ref);
+            }
+        }
+    }
+
     void imports(Context& ctx, TSNode node, std::vector<RawRef>& refs) const override {
         TSNode argument = child_by_field(node, "argument");
         if (ts_node_is_null(argument)) return;

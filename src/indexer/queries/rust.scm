@@ -86,6 +86,10 @@
   bounds: (trait_bounds
     (type_identifier) @name @reference.inherit))
 
+; Macro arguments are unparsed tokens: the extractor reads calls out of them.
+(macro_invocation
+  (token_tree) @tokens)
+
 (use_declaration) @import
 
 (line_comment) @comment
