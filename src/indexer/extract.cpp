@@ -3,6 +3,7 @@
 // docstrings), references (with their callers) and imports.
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <limits>
 #include <string>
@@ -198,6 +199,7 @@ private:
                         break;
                     case Role::export_name: ctx_.export_names.push_back(node_text(ctx_.text, capture.node)); break;
                     case Role::tokens: rules_.token_references(ctx_, capture.node, refs_); break;
+                    case Role::not_use: not_uses_.push_back(ts_node_start_byte(capture.node)); break;
                 }
             }
             if (!ts_node_is_null(def)) {
@@ -436,12 +438,13 @@ private:
     }
 
     void emit_references() {
-        // Names of definitions are not uses of them.
+        // Names of definitions are not uses of them; nor are the names the query marked.
         std::vector<std::uint32_t> definition_names;
         definition_names.reserve(defs_.size());
         for (const auto& d : defs_) {
             if (!ts_node_is_null(d.name_node)) definition_names.push_back(ts_node_start_byte(d.name_node));
         }
+        definition_names.insert(definition_names.end(), not_uses_.begin(), not_uses_.end());
         std::sort(definition_names.begin(), definition_names.end());
 
         std::vector<RawRef> kept;
@@ -505,6 +508,7 @@ private:
     std::vector<RawRef> refs_;
     std::vector<TSNode> comments_;
     std::vector<TSNode> import_nodes_;
+    std::vector<std::uint32_t> not_uses_;
     std::vector<RawDef> defs_;
     std::vector<std::optional<std::size_t>> container_;
     std::vector<std::optional<std::size_t>> output_index_;
@@ -513,15 +517,19 @@ private:
 
 // The parser reports progress every hundred or so operations. Ordinary code needs well under
 // one report per 30 bytes; error recovery on garbage can go on for minutes (seen with the TSX
-// grammar on random bytes), so parsing stops after a budget that grows with the file.
+// grammar on random bytes), so parsing stops after a number of reports that grows with the file
+// (deterministic), or, as a backstop when recovery makes each operation slow, after a time that
+// grows with it too.
 struct ParseBudget {
     std::uint64_t reports = 0;
     std::uint64_t limit = 0;
+    std::chrono::steady_clock::time_point deadline;
 };
 
 bool over_budget(TSParseState* state) {
     auto* budget = static_cast<ParseBudget*>(state->payload);
-    return ++budget->reports > budget->limit;
+    if (++budget->reports > budget->limit) return true;
+    return (budget->reports & 63) == 0 && std::chrono::steady_clock::now() > budget->deadline;
 }
 
 const char* read_text(void* payload, std::uint32_t byte, TSPoint, std::uint32_t* bytes_read) {
@@ -535,7 +543,10 @@ const char* read_text(void* payload, std::uint32_t byte, TSPoint, std::uint32_t*
 }
 
 TSTree* parse_with_budget(TSParser* parser, std::string_view text) {
-    ParseBudget budget{0, 5000 + text.size() / 4};
+    ParseBudget budget;
+    budget.limit = 5000 + text.size() / 4;
+    budget.deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10) +
+                      std::chrono::milliseconds(text.size() / 50000 * 1000);
     TSInput input{};
     input.payload = &text;
     input.read = read_text;

@@ -69,6 +69,7 @@ enum class Role : std::uint8_t {
     scope_anonymous,  // a C++ anonymous namespace
     export_name,  // a name exported by an export clause (JavaScript)
     tokens,       // tokens the grammar leaves unparsed (Rust macro arguments), read by the rules
+    not_use,      // a name that other patterns would take for a use but is none
 };
 
 struct CaptureInfo {

@@ -74,6 +74,7 @@ CaptureInfo capture_info(Language language, std::string_view name) {
     else if (name == "scope.anonymous") info.role = Role::scope_anonymous;
     else if (name == "export.name") info.role = Role::export_name;
     else if (name == "tokens") info.role = Role::tokens;
+    else if (name == "not_use") info.role = Role::not_use;
     else if (name.starts_with("definition.")) {
         std::string_view rest = name.substr(11);
         if (rest.ends_with(".hoisted")) {

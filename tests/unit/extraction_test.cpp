@@ -384,6 +384,54 @@ TEST(ExtractionRules, SymbolsPerLanguage) {
     }
 }
 
+// Uses that need more than a pattern: each case lists every reference as "usage qualifier name"
+// ("-" for no qualifier), in source order.
+TEST(ExtractionRules, ReferencesPerLanguage) {
+    struct Case {
+        const char* label;
+        Language language;
+        const char* source;
+        std::vector<std::string> references;
+    };
+    const std::vector<Case> cases = {
+        {"typescript: type parameters are declarations, base classes inherit", Language::typescript,
+         "class Box<T> extends Base implements Shape { get(): T { return this.v; } }\n",
+         {"inherit - Base", "inherit - Shape", "type - T"}},
+        {"tsx: lower-case tags are HTML", Language::tsx, "const v = <div><Row.Cell /><Item /></div>;\n",
+         {"call Row Cell", "call - Item"}},
+        {"javascript: require and dynamic import are imports", Language::javascript,
+         "const fs = require('fs');\nasync function f() { await import('./lazy.js'); fs.readFileSync(); }\n",
+         {"import fs fs", "import ./lazy.js lazy", "call fs readFileSync"}},
+        {"python: decorators are calls, keyword bases are not bases", Language::python,
+         "@app.route('/')\n@cache\nclass A(Base, metaclass=Meta):\n    x: Optional[int] = None\n",
+         {"call app route", "call - cache", "inherit - Base", "type - Optional", "type - int"}},
+        {"go: embedded types inherit, qualified types keep their package", Language::go,
+         "package p\ntype S struct {\n\tio.Reader\n\tBase\n\tn pkg.Count\n}\n",
+         {"inherit io Reader", "inherit - Base", "type pkg Count"}},
+        {"java: annotations and generic bases", Language::java,
+         "class A extends B<C> implements D { @Override public void run() { new E().go(); } }\n",
+         {"inherit - B", "type - C", "inherit - D", "type - Override", "call - E", "call new E() go"}},
+        {"rust: calls in macro arguments, paths, Self", Language::rust,
+         "impl Shape for Grid { fn new() -> Self { assert!(self::check(a.b().c(), Vec::new())); Self {} } }\n",
+         {"inherit - Shape", "type - Grid", "call - assert", "call self check", "call a b", "call a.b() c",
+          "call Vec new"}},
+        {"c++: constructor arguments are not types; qualified calls keep their scope", Language::cpp,
+         "void f() { Widget w(size, color); std::chrono::steady_clock::now(); obj->run(); }\n",
+         {"type - Widget", "call std::chrono::steady_clock now", "call obj run"}},
+        {"c: quoted and angle includes", Language::c, "#include \"sub/x.h\"\n#include <stdio.h>\n",
+         {"import sub x.h", "import - stdio.h"}},
+    };
+    Extractor extractor;
+    for (const auto& c : cases) {
+        FileExtraction x = extractor.extract(c.language, "m.x", c.source);
+        std::vector<std::string> actual;
+        for (const auto& r : x.references) {
+            actual.push_back(r.usage_type + " " + (r.qualifier.empty() ? "-" : r.qualifier) + " " + r.name);
+        }
+        EXPECT_EQ(actual, c.references) << c.label;
+    }
+}
+
 // ---------------------------------------------------------------------------------------------
 // Inputs that must not break extraction.
 

@@ -56,3 +56,13 @@
 (base_class_clause
   (template_type
     name: (type_identifier) @name) @reference.inherit)
+
+; `T x(a, b);` in a function body parses as a function declaration whose parameters are the
+; types a and b: those are arguments, not type uses.
+(compound_statement
+  (declaration
+    declarator: (function_declarator
+      parameters: (parameter_list
+        (parameter_declaration
+          type: (type_identifier) @not_use
+          !declarator)))))

@@ -46,8 +46,12 @@
 (internal_module
   name: (_) @name) @definition.namespace
 
-; Type uses. Definition names are type identifiers too; the extractor drops those.
+; Type uses. Definition names are type identifiers too; the extractor drops those, and the
+; declarations of type parameters (`<T>`).
 (type_identifier) @name @reference.type
+
+(type_parameter
+  name: (type_identifier) @not_use)
 
 (nested_type_identifier
   name: (type_identifier) @name) @callee @reference.type
