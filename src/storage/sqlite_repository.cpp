@@ -5,6 +5,7 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <limits>
 
 #include "orvane_kestrix/storage/repository_fan_in.hpp"
 
@@ -232,7 +233,8 @@ SymbolSearchResult SqliteRepository::search_symbols(const std::string& pattern, 
         q->bind(4, plan.upper);
     }
     // One row past the limit tells whether the cut dropped matches; a negative limit is none.
-    q->bind(5, limit < 0 ? std::int64_t{-1} : limit + 1);
+    const bool unlimited = limit < 0 || limit == std::numeric_limits<std::int64_t>::max();
+    q->bind(5, unlimited ? std::int64_t{-1} : limit + 1);
     SymbolSearchResult result;
     result.pattern = pattern;
     while (q->step()) {

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <map>
 #include <set>
 #include <string>
@@ -175,7 +176,8 @@ TEST_F(SqliteRepositoryTest, SearchCutsToTheLimitAndBoundsTheCount) {
     ASSERT_GT(all.total, 50);
     for (const std::string pattern : {"%%", "%", "%e%", "%ing%", "r%"}) {
         const auto every = repo_->search_symbols(pattern, -1, true);
-        for (const std::int64_t limit : {0, 1, 5, 50}) {
+        for (const std::int64_t limit : {std::int64_t{0}, std::int64_t{1}, std::int64_t{5}, std::int64_t{50},
+                                         std::numeric_limits<std::int64_t>::max()}) {
             const auto cut = repo_->search_symbols(pattern, limit, true);
             const auto kept = std::min<std::int64_t>(limit, every.total);
             ASSERT_EQ(static_cast<std::int64_t>(cut.symbols.size()), kept) << pattern << " " << limit;

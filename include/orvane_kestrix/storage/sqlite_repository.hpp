@@ -17,6 +17,8 @@
 //   literal characters, through the trigram table symbol_names (every trigram of the runs
 //   must occur), rechecked with LIKE; with a literal head, through a range of the NOCASE
 //   index; otherwise by a scan in id order.
+// - get_file_paths_batch: the path of the file each record's file_id names (the record as
+//   the caller holds it; a record without id or file_id, or naming no indexed file, is left out).
 // - find_covering_tests: one record per test file, ordered by the test file's path; its
 //   `reaches` holds the asked paths it reaches, ordered by path.
 // - get_symbols_by_file: by id.
