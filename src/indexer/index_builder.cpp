@@ -567,13 +567,8 @@ IndexStats IndexBuilder::run() {
                 lap("parse");
                 Transaction refresh(db);
                 store.prune_components();
-                IndexSnapshot snapshot = store.load_snapshot(written);
-                snapshot.symbols.reserve(snapshot.symbols.size() + collected.symbols.size());
-                snapshot.imports.reserve(snapshot.imports.size() + collected.imports.size());
-                snapshot.references.reserve(snapshot.references.size() + collected.references.size());
-                std::move(collected.symbols.begin(), collected.symbols.end(), std::back_inserter(snapshot.symbols));
-                std::move(collected.imports.begin(), collected.imports.end(), std::back_inserter(snapshot.imports));
-                std::move(collected.references.begin(), collected.references.end(), std::back_inserter(snapshot.references));
+                IndexSnapshot& snapshot = collected;
+                store.load_snapshot(snapshot, written);
                 snapshot.packages = packages;
                 lap("load");
                 const DerivedData derived = derive_index_data(snapshot);

@@ -243,6 +243,12 @@ void IndexStore::prune_components() {
 
 IndexSnapshot IndexStore::load_snapshot(const std::unordered_set<std::int64_t>& known) {
     IndexSnapshot snapshot;
+    load_snapshot(snapshot, known);
+    return snapshot;
+}
+
+void IndexStore::load_snapshot(IndexSnapshot& snapshot, const std::unordered_set<std::int64_t>& known) {
+    snapshot.files.clear();
     {
         Statement statement(db_, "SELECT id, path, language, is_test, is_source, module_name FROM files ORDER BY id");
         while (statement.step()) {
@@ -288,7 +294,6 @@ IndexSnapshot IndexStore::load_snapshot(const std::unordered_set<std::int64_t>& 
         snapshot.references.push_back(
             {row.column_int64(1), row.column_int64(0), row.column_string(2), row.column_string(3), row.column_string(4)});
     });
-    return snapshot;
 }
 
 RefreshCounts IndexStore::write_derived(const DerivedData& derived) {

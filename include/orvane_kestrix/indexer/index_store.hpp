@@ -81,6 +81,8 @@ public:
 
     // Every file, and the symbols, imports and references of all files but `known`.
     IndexSnapshot load_snapshot(const std::unordered_set<std::int64_t>& known = {});
+    // The same into `into`: its files are replaced, the rows read are appended.
+    void load_snapshot(IndexSnapshot& into, const std::unordered_set<std::int64_t>& known);
     // Makes the stored references, fan-in and covering tests those of `derived`, writing only
     // what differs.
     RefreshCounts write_derived(const DerivedData& derived);
