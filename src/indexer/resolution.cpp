@@ -556,8 +556,9 @@ private:
             return target;
         }
 
-        // Try the whole path as a module, then shorter paths with the rest as an item (at most
-        // two parts: `a.mod.Class.member`; a lone first part of a longer path is no evidence).
+        // Try the whole path as a module, then shorter paths with the rest as an item
+        // (`a.mod.Class.member`): at most two parts dropped, and never down to the lone first
+        // part of a longer path, which says too little ("java" of "java.util.Map").
         const std::size_t shortest = relative ? 0 : (parts.size() > 1 ? std::max<std::size_t>(2, parts.size() - 2) : 1);
         for (std::size_t count = parts.size(); count >= shortest && count <= parts.size(); --count) {
             const std::string joined = join(parts, count);
