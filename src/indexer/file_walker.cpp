@@ -248,6 +248,9 @@ WalkResult list_repository_files(const fs::path& root, const WalkOptions& option
 
     std::optional<std::vector<std::string>> listed;
     if (options.use_git) listed = git_ls_files(root);
+    // A directory that git ignores as a whole (a checkout inside an ignored part of another work
+    // tree, say) lists nothing: walk it instead.
+    if (listed && listed->empty()) listed.reset();
     if (listed) {
         result.from_git = true;
         std::sort(listed->begin(), listed->end());

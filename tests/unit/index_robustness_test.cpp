@@ -305,6 +305,20 @@ std::pair<int, std::string> run_tool(const std::string& arguments, const fs::pat
     return {WEXITSTATUS(status), text.str()};
 }
 
+TEST_F(IndexRobustness, ARepositoryThatAnOuterWorkTreeIgnoresIsWalked) {
+    write("a.py", "def alpha\n");
+    std::ofstream(base_ / ".gitignore") << "repo/\n";
+    const std::string init = "git -C '" + base_.string() + "' init -q 2>/dev/null";
+    if (std::system(init.c_str()) != 0) GTEST_SKIP() << "git is not available";
+    IndexOptions options;
+    options.repo = root_;
+    options.db = db_;
+    options.use_git = true;
+    options.make_extractor = [] { return line_parser(nullptr); };
+    EXPECT_EQ(IndexBuilder(options).run().files, 1);
+    EXPECT_EQ(query("SELECT path FROM files"), "a.py");
+}
+
 TEST_F(IndexRobustness, DamagedOrForeignIndexFileIsOneLineErrorNamingRebuild) {
     write("good.py", "def good\n");
     struct Case {
