@@ -50,6 +50,13 @@ const Json& list_at(const Json& value, const std::string& key) {
     return value;
 }
 
+// Calls visit(entry, "key[i]") for each entry of the list at `key`.
+template <typename Visit>
+void for_each_item(const Json& list, const std::string& key, Visit&& visit) {
+    std::size_t index = 0;
+    for (const auto& entry : list_at(list, key)) visit(entry, item(key, index++));
+}
+
 // Reads member `name` of `object` when present; absent members keep the caller's default.
 class Reader {
 public:
@@ -106,8 +113,7 @@ public:
     }
     static std::vector<std::string> as_text_list(const Json& v, const std::string& key) {
         std::vector<std::string> out;
-        std::size_t i = 0;
-        for (const auto& entry : list_at(v, key)) out.push_back(as_text(entry, item(key, i++)));
+        for_each_item(v, key, [&](const Json& entry, const std::string& at) { out.push_back(as_text(entry, at)); });
         return out;
     }
 
@@ -215,9 +221,7 @@ void parse_request(const Json& value, Fixture& fixture) {
     }
     if (const Json* seeds = r.find("seed_symbols"); seeds && !seeds->is_null()) {
         std::vector<Symbol> out;
-        std::size_t i = 0;
-        for (const auto& entry : list_at(*seeds, "request.seed_symbols")) {
-            std::string key = item("request.seed_symbols", i++);
+        for_each_item(*seeds, "request.seed_symbols", [&](const Json& entry, const std::string& key) {
             if (entry.is_number_integer()) {
                 std::int64_t id = Reader::as_integer(entry, key);
                 const Symbol* found = nullptr;
@@ -234,7 +238,7 @@ void parse_request(const Json& value, Fixture& fixture) {
             } else {
                 expect(false, key, "an integer or a symbol object", entry);
             }
-        }
+        });
         req.seed_symbols = std::move(out);
     }
 }
@@ -245,13 +249,11 @@ Fixture parse_fixture(const Json& document) {
     Reader top(document, "fixture");
     Fixture f;
     if (const Json* v = top.find("symbols")) {
-        std::size_t i = 0;
-        for (const auto& s : list_at(*v, "symbols")) f.symbols.push_back(parse_symbol(s, item("symbols", i++)));
+        for_each_item(*v, "symbols",
+                      [&](const Json& entry, const std::string& key) { f.symbols.push_back(parse_symbol(entry, key)); });
     }
     if (const Json* v = top.find("files")) {
-        std::size_t i = 0;
-        for (const auto& entry : list_at(*v, "files")) {
-            std::string key = item("files", i++);
+        for_each_item(*v, "files", [&](const Json& entry, const std::string& key) {
             Reader r(entry, key);
             FixtureFile file;
             r.optional_integer("id", file.id);
@@ -260,24 +262,21 @@ Fixture parse_fixture(const Json& document) {
             r.boolean("is_test", file.is_test);
             r.boolean("is_source", file.is_source);
             f.files.push_back(std::move(file));
-        }
+        });
     }
     if (const Json* v = top.find("components")) {
-        std::size_t i = 0;
-        for (const auto& entry : list_at(*v, "components")) {
-            std::string key = item("components", i++);
+        for_each_item(*v, "components", [&](const Json& entry, const std::string& key) {
             Reader r(entry, key);
             FixtureComponent component;
             r.optional_integer("id", component.id);
             r.text("name", component.name);
             if (const Json* ids = r.find("file_ids")) {
-                std::size_t j = 0;
-                for (const auto& id : list_at(*ids, r.key("file_ids"))) {
-                    component.file_ids.push_back(Reader::as_optional_integer(id, item(r.key("file_ids"), j++)));
-                }
+                for_each_item(*ids, r.key("file_ids"), [&](const Json& id, const std::string& at) {
+                    component.file_ids.push_back(Reader::as_optional_integer(id, at));
+                });
             }
             f.components.push_back(std::move(component));
-        }
+        });
     }
     if (const Json* v = top.find("fan_in")) {
         for (const auto& [id_text, count] : object_at(*v, "fan_in").items()) {
@@ -299,15 +298,12 @@ Fixture parse_fixture(const Json& document) {
         for (const auto& [fqn, refs] : object_at(*v, "references").items()) {
             std::string key = "references." + fqn;
             std::vector<Reference> list;
-            std::size_t i = 0;
-            for (const auto& ref : list_at(refs, key)) list.push_back(parse_reference(ref, item(key, i++)));
+            for_each_item(refs, key, [&](const Json& ref, const std::string& at) { list.push_back(parse_reference(ref, at)); });
             f.references[fqn] = std::move(list);
         }
     }
     if (const Json* v = top.find("covering_tests")) {
-        std::size_t i = 0;
-        for (const auto& entry : list_at(*v, "covering_tests")) {
-            std::string key = item("covering_tests", i++);
+        for_each_item(*v, "covering_tests", [&](const Json& entry, const std::string& key) {
             Reader r(entry, key);
             FixtureCoveringTest test;
             r.text("test", test.test);
@@ -317,15 +313,13 @@ Fixture parse_fixture(const Json& document) {
                 }
             }
             f.covering_tests.push_back(std::move(test));
-        }
+        });
     }
     if (const Json* v = top.find("retriever"); v && !v->is_null()) {
         Reader r(*v, "retriever");
         FixtureRetrieverData data;
         if (const Json* hits = r.find("hits")) {
-            std::size_t i = 0;
-            for (const auto& entry : list_at(*hits, "retriever.hits")) {
-                std::string key = item("retriever.hits", i++);
+            for_each_item(*hits, "retriever.hits", [&](const Json& entry, const std::string& key) {
                 Reader h(entry, key);
                 FixtureHit hit;
                 h.optional_integer("id", hit.id);
@@ -342,7 +336,7 @@ Fixture parse_fixture(const Json& document) {
                     }
                 }
                 data.hits.push_back(std::move(hit));
-            }
+            });
         }
         r.optional_text("note", data.note);
         f.retriever = std::move(data);
