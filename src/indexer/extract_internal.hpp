@@ -181,6 +181,16 @@ struct RawRef {
     std::optional<std::string> qualifier;  // instead of the callee's text (imports)
 };
 
+// The reference an import statement makes to `name` of `qualifier`, anchored at `at`.
+inline RawRef import_reference(TSNode at, std::string name, std::string qualifier) {
+    RawRef ref;
+    ref.anchor = at;
+    ref.usage = Usage::import;
+    ref.name = std::move(name);
+    ref.qualifier = std::move(qualifier);
+    return ref;
+}
+
 struct Context {
     Language language;
     std::string_view path;

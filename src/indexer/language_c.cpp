@@ -306,12 +306,9 @@ public:
             return;  // #include MACRO
         }
         std::size_t slash = file.find_last_of('/');
-        RawRef ref;
-        ref.anchor = path;
-        ref.usage = Usage::import;
-        ref.name = std::string(slash == std::string_view::npos ? file : file.substr(slash + 1));
-        ref.qualifier = std::string(slash == std::string_view::npos ? std::string_view{} : file.substr(0, slash));
-        refs.push_back(std::move(ref));
+        refs.push_back(import_reference(path,
+            std::string(slash == std::string_view::npos ? file : file.substr(slash + 1)),
+            std::string(slash == std::string_view::npos ? std::string_view{} : file.substr(0, slash))));
         add_import(ctx, std::move(module), {}, std::nullopt, node);
     }
 

@@ -86,12 +86,9 @@ public:
             TSNode name = child_by_field(spec, "name");
             if (!ts_node_is_null(name)) alias = std::string(node_text(ctx.text, name));
             std::size_t slash = module.find_last_of('/');
-            RawRef ref;
-            ref.anchor = path;
-            ref.usage = Usage::import;
-            ref.name = slash == std::string::npos ? module : module.substr(slash + 1);
-            ref.qualifier = slash == std::string::npos ? std::string() : module.substr(0, slash);
-            refs.push_back(std::move(ref));
+            refs.push_back(import_reference(path,
+                slash == std::string::npos ? module : module.substr(slash + 1),
+                slash == std::string::npos ? std::string() : module.substr(0, slash)));
             add_import(ctx, std::move(module), {}, std::move(alias), spec);
         };
         std::uint32_t count = ts_node_named_child_count(node);

@@ -65,12 +65,9 @@ public:
             return;
         }
         std::size_t dot = module.find_last_of('.');
-        RawRef ref;
-        ref.anchor = path;
-        ref.usage = Usage::import;
-        ref.name = dot == std::string::npos ? module : module.substr(dot + 1);
-        ref.qualifier = dot == std::string::npos ? std::string() : module.substr(0, dot);
-        refs.push_back(std::move(ref));
+        refs.push_back(import_reference(path,
+            dot == std::string::npos ? module : module.substr(dot + 1),
+            dot == std::string::npos ? std::string() : module.substr(0, dot)));
         add_import(ctx, std::move(module), {}, std::nullopt, node);
     }
 };

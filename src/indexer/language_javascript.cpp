@@ -142,12 +142,7 @@ public:
 
     void imports(Context& ctx, TSNode node, std::vector<RawRef>& refs) const override {
         auto import_ref = [&](TSNode at, std::string_view name, std::string_view module) {
-            RawRef ref;
-            ref.anchor = at;
-            ref.usage = Usage::import;
-            ref.name = std::string(name);
-            ref.qualifier = std::string(module);
-            refs.push_back(std::move(ref));
+            refs.push_back(import_reference(at, std::string(name), std::string(module)));
         };
         auto last_segment = [](std::string_view module) {
             std::size_t slash = module.find_last_of('/');

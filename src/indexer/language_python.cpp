@@ -111,12 +111,7 @@ public:
 
     void imports(Context& ctx, TSNode node, std::vector<RawRef>& refs) const override {
         auto import_ref = [&](TSNode at, std::string name, std::string qualifier) {
-            RawRef ref;
-            ref.anchor = at;
-            ref.usage = Usage::import;
-            ref.name = std::move(name);
-            ref.qualifier = std::move(qualifier);
-            refs.push_back(std::move(ref));
+            refs.push_back(import_reference(at, std::move(name), std::move(qualifier)));
         };
         auto split_last = [](std::string_view dotted) {
             std::size_t dot = dotted.find_last_of('.');

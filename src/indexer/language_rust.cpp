@@ -177,12 +177,9 @@ private:
 
     static void import_ref(TSNode at, std::string_view path, std::vector<RawRef>& refs) {
         std::size_t sep = path.rfind("::");
-        RawRef ref;
-        ref.anchor = at;
-        ref.usage = Usage::import;
-        ref.name = std::string(sep == std::string_view::npos ? path : path.substr(sep + 2));
-        ref.qualifier = std::string(sep == std::string_view::npos ? std::string_view{} : path.substr(0, sep));
-        refs.push_back(std::move(ref));
+        refs.push_back(import_reference(at,
+            std::string(sep == std::string_view::npos ? path : path.substr(sep + 2)),
+            std::string(sep == std::string_view::npos ? std::string_view{} : path.substr(0, sep))));
     }
 
     // One `use` tree: a path, `path as alias`, `path::*` or `path::{...}` (nested).
@@ -214,12 +211,7 @@ private:
                 if (item_kind == "identifier" || item_kind == "self" || item_kind == "crate" || item_kind == "super") {
                     std::string_view name = node_text(ctx.text, item);
                     names.emplace_back(name);
-                    RawRef ref;
-                    ref.anchor = item;
-                    ref.usage = Usage::import;
-                    ref.name = std::string(name);
-                    ref.qualifier = module;
-                    refs.push_back(std::move(ref));
+                    refs.push_back(import_reference(item, std::string(name), module));
                 } else if (item_kind == "line_comment" || item_kind == "block_comment") {
                     continue;
                 } else {
