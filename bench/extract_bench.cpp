@@ -14,7 +14,11 @@
 
 #include <benchmark/benchmark.h>
 
+#include <tree_sitter/api.h>
+
 #include "orvane_kestrix/indexer/extraction.hpp"
+
+extern "C" const TSLanguage* tree_sitter_python();
 
 namespace fs = std::filesystem;
 using namespace orvane_kestrix::indexer;
@@ -95,6 +99,60 @@ void BM_ExtractCorpus(benchmark::State& state) {
     state.counters["abandoned"] = static_cast<double>(abandoned);
 }
 BENCHMARK(BM_ExtractCorpus)->Unit(benchmark::kSecond)->Iterations(2)->UseRealTime();
+
+// The floor under extraction: the Python files parsed by the bare grammar, nothing queried.
+void BM_ParsePythonOnly(benchmark::State& state) {
+    const auto& files = corpus();
+    TSParser* parser = ts_parser_new();
+    ts_parser_set_language(parser, tree_sitter_python());
+    std::size_t parsed = 0, bytes = 0;
+    for (auto _ : state) {
+        parsed = bytes = 0;
+        for (const auto& f : files) {
+            if (f.language != Language::python) continue;
+            TSTree* tree = ts_parser_parse_string(parser, nullptr, f.content.data(),
+                                                  static_cast<std::uint32_t>(f.content.size()));
+            benchmark::DoNotOptimize(tree);
+            ts_tree_delete(tree);
+            ++parsed;
+            bytes += f.content.size();
+        }
+    }
+    ts_parser_delete(parser);
+    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * parsed));
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * bytes));
+}
+BENCHMARK(BM_ParsePythonOnly)->Unit(benchmark::kSecond)->Iterations(2)->UseRealTime();
+
+void BM_ParseWalkPython(benchmark::State& state) {
+    const auto& files = corpus();
+    TSParser* parser = ts_parser_new();
+    ts_parser_set_language(parser, tree_sitter_python());
+    std::size_t nodes = 0;
+    for (auto _ : state) {
+        nodes = 0;
+        for (const auto& f : files) {
+            if (f.language != Language::python) continue;
+            TSTree* tree = ts_parser_parse_string(parser, nullptr, f.content.data(),
+                                                  static_cast<std::uint32_t>(f.content.size()));
+            TSTreeCursor cursor = ts_tree_cursor_new(ts_tree_root_node(tree));
+            for (;;) {
+                ++nodes;
+                benchmark::DoNotOptimize(ts_node_symbol(ts_tree_cursor_current_node(&cursor)));
+                if (ts_tree_cursor_goto_first_child(&cursor)) continue;
+                while (!ts_tree_cursor_goto_next_sibling(&cursor)) {
+                    if (!ts_tree_cursor_goto_parent(&cursor)) goto done;
+                }
+            }
+        done:
+            ts_tree_cursor_delete(&cursor);
+            ts_tree_delete(tree);
+        }
+    }
+    ts_parser_delete(parser);
+    state.counters["nodes"] = static_cast<double>(nodes);
+}
+BENCHMARK(BM_ParseWalkPython)->Unit(benchmark::kSecond)->Iterations(2)->UseRealTime();
 
 }  // namespace
 

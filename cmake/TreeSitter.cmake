@@ -12,7 +12,7 @@ if(EXISTS ${KESTRIX_TREE_SITTER_RUNTIME}/src/lib.c)
     PRIVATE ${KESTRIX_TREE_SITTER_RUNTIME}/src)
   # Third-party C: optimised even in debug builds, none of our warning flags, and no
   # undefined-behaviour checks (those would report the generated parsers, not our code).
-  set(KESTRIX_TREE_SITTER_C_FLAGS -O2 -w)
+  set(KESTRIX_TREE_SITTER_C_FLAGS -O3 -w)
   if(KESTRIX_SANITIZE)
     list(APPEND KESTRIX_TREE_SITTER_C_FLAGS -fno-sanitize=undefined)
   endif()

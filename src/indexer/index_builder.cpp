@@ -350,7 +350,23 @@ IndexStats IndexBuilder::run() {
         if (options_.on_progress) options_.on_progress(IndexProgress{phase, done, total});
     };
 
-    Database db = storage::open_index(db_path, {.read_only = false, .rebuild = options_.rebuild});
+    // A new index, or one rebuilt from scratch, is built aside without a journal and
+    // published by a rename at the end: faster, and a rebuild that stops half way leaves the
+    // previous index as it was.
+    std::error_code exists_error;
+    const bool had_index = fs::exists(db_path, exists_error);
+    const bool build_aside = options_.rebuild || !had_index;
+    if (build_aside && fs::is_directory(db_path, exists_error)) throw storage::IndexFileError(db_path, "is a directory");
+    const fs::path work_path = build_aside ? storage::unpublished_index_path(db_path) : db_path;
+    if (build_aside) storage::remove_abandoned_builds(db_path);
+    Database db = storage::open_index(work_path, {.read_only = false, .rebuild = build_aside, .unpublished = build_aside});
+    struct Discard {
+        fs::path path;
+        bool armed;
+        ~Discard() {
+            if (armed) storage::remove_index_files(path);
+        }
+    } discard{work_path, build_aside};
     try {
         db.exec("PRAGMA cache_size = -65536");
         db.exec("PRAGMA temp_store = MEMORY");
@@ -391,7 +407,10 @@ IndexStats IndexBuilder::run() {
         std::vector<std::size_t> facts_changed;
         std::unordered_set<std::string> kept;
         for (const auto& path : walk.files) {
-            if (db_inside && (path == db_rel_text || path.starts_with(db_rel_text + "-"))) continue;
+            if (db_inside && (path == db_rel_text || path.starts_with(db_rel_text + "-") ||
+                              path.starts_with(db_rel_text + ".building-"))) {
+                continue;
+            }
             const auto language = language_for_path(path);
             if (!language) {
                 ++stats.skipped["unsupported"];
@@ -601,6 +620,11 @@ IndexStats IndexBuilder::run() {
     } catch (const storage::SqliteError& e) {
         if (e.is_corruption()) throw storage::IndexFileError(db_path, std::string("damaged (") + e.what() + ")");
         throw;
+    }
+    // An interrupted first build is published all the same: the next run goes on from it.
+    if (build_aside && !(stats.cancelled && had_index)) {
+        storage::publish_index(std::move(db), db_path);
+        discard.armed = false;
     }
     stats.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     return stats;

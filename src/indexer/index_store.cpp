@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
+#include <string>
 
 namespace orvane_kestrix::indexer {
 
@@ -14,6 +16,16 @@ constexpr std::array kAllLanguages = {
     Language::rust,   Language::java,       Language::c,          Language::cpp,      Language::markdown,
     Language::json,   Language::yaml,       Language::toml,
 };
+
+// The largest id a table has ever held: its rows', or the mark in meta (rows at the end of the
+// table may have been deleted since).
+std::int64_t last_id(storage::Database& db, const char* table, const char* meta_key) {
+    const std::int64_t in_table = db.scalar_int(std::string("SELECT coalesce(max(id), 0) FROM ") + table);
+    const std::string mark = storage::read_meta(db, meta_key).value_or("0");
+    std::int64_t recorded = 0;
+    std::from_chars(mark.data(), mark.data() + mark.size(), recorded);
+    return std::max(in_table, recorded);
+}
 
 }  // namespace
 
@@ -32,11 +44,11 @@ IndexStore::IndexStore(storage::Database& db)
                        "content_hash = ?6, size = ?7, mtime_ns = ?8, module_name = ?9, has_syntax_errors = ?10 "
                        "WHERE id = ?1"),
       insert_symbol_(db, "INSERT INTO symbols(file_id, parent_id, name, fqn, kind, start_line, end_line, signature, "
-                         "docstring, docstring_truncated, is_export, token_count) "
-                         "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"),
+                         "docstring, docstring_truncated, is_export, token_count, id) "
+                         "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"),
       set_parent_(db, "UPDATE symbols SET parent_id = ? WHERE id = ?"),
-      insert_ref_(db, "INSERT INTO refs(file_id, caller_id, name, qualifier, usage_type, line, context) "
-                      "VALUES (?, ?, ?, ?, ?, ?, ?)"),
+      insert_ref_(db, "INSERT INTO refs(file_id, caller_id, name, qualifier, usage_type, line, context, id) "
+                      "VALUES (?, ?, ?, ?, ?, ?, ?, ?)"),
       insert_import_(db, "INSERT INTO imports(file_id, module, name, alias, line) VALUES (?, ?, ?, ?, ?)"),
       delete_edges_of_file_(db, "DELETE FROM ref_targets WHERE symbol_id IN (SELECT id FROM symbols WHERE file_id = ?)"),
       delete_symbols_(db, "DELETE FROM symbols WHERE file_id = ?"),
@@ -46,11 +58,12 @@ IndexStore::IndexStore(storage::Database& db)
       update_facts_(db, "UPDATE files SET is_test = ?, is_source = ?, component_id = ? WHERE id = ?"),
       insert_component_(db, "INSERT INTO components(name) VALUES (?)"),
       fts_delete_names_(db, "INSERT INTO symbol_names(symbol_names, rowid, name) "
-                            "SELECT 'delete', id, name FROM symbols WHERE file_id = ? AND id <= ?"),
-      fts_delete_text_(db, "INSERT INTO symbol_text(symbol_text, rowid, name, fqn, signature, docstring) "
-                           "SELECT 'delete', id, name, fqn, signature, docstring FROM symbols WHERE file_id = ? AND id <= ?") {
+                            "SELECT 'delete', id, name FROM symbols WHERE file_id = ? AND id <= ?") {
     Statement components(db_, "SELECT id, name FROM components");
     while (components.step()) components_[components.column_string(1)] = components.column_int64(0);
+    last_symbol_id_ = last_id(db_, "symbols", "last_symbol_id");
+    last_ref_id_ = last_id(db_, "refs", "last_ref_id");
+    batch_first_symbol_ = last_symbol_id_;
 }
 
 std::unordered_map<std::string, StoredFile> IndexStore::load_files() {
@@ -87,8 +100,6 @@ void IndexStore::delete_contents(std::int64_t file_id) {
     // reference and symbol ids are never reused, so they cannot be mistaken for new ones.
     fts_delete_names_.bind(1, file_id).bind(2, batch_first_symbol_);
     fts_delete_names_.run();
-    fts_delete_text_.bind(1, file_id).bind(2, batch_first_symbol_);
-    fts_delete_text_.run();
     delete_edges_of_file_.bind(1, file_id);
     delete_edges_of_file_.run();
     delete_symbols_.bind(1, file_id);
@@ -139,9 +150,10 @@ std::int64_t IndexStore::write_parsed(ParsedFile& file, std::optional<std::int64
             .bind_static(9, symbol.docstring)
             .bind(10, symbol.docstring_truncated)
             .bind(11, symbol.is_export)
-            .bind(12, i < file.token_counts.size() ? file.token_counts[i] : std::int64_t{0});
+            .bind(12, i < file.token_counts.size() ? file.token_counts[i] : std::int64_t{0})
+            .bind(13, ++last_symbol_id_);
         insert_symbol_.run();
-        symbol_ids[i] = db_.last_insert_rowid();
+        symbol_ids[i] = last_symbol_id_;
         if (symbol.parent && *symbol.parent >= i && *symbol.parent < extraction.symbols.size() && *symbol.parent != i) {
             late_parents.emplace_back(symbol_ids[i], *symbol.parent);
         }
@@ -151,7 +163,7 @@ std::int64_t IndexStore::write_parsed(ParsedFile& file, std::optional<std::int64
         set_parent_.run();
     }
 
-    std::int64_t first_ref = 0;
+    const std::int64_t first_ref = last_ref_id_ + 1;
     for (const ExtractedReference& ref : extraction.references) {
         std::optional<std::int64_t> caller;
         if (ref.caller && *ref.caller < symbol_ids.size()) caller = symbol_ids[*ref.caller];
@@ -161,9 +173,9 @@ std::int64_t IndexStore::write_parsed(ParsedFile& file, std::optional<std::int64
             .bind_static(4, ref.qualifier)
             .bind_static(5, ref.usage_type)
             .bind(6, ref.line)
-            .bind_static(7, ref.context);
+            .bind_static(7, ref.context)
+            .bind(8, ++last_ref_id_);
         insert_ref_.run();
-        if (first_ref == 0) first_ref = db_.last_insert_rowid();
     }
 
     for (const ExtractedImport& import : extraction.imports) {
@@ -183,7 +195,7 @@ std::int64_t IndexStore::write_parsed(ParsedFile& file, std::optional<std::int64
             auto& symbol = extraction.symbols[i];
             collect->symbols.push_back({symbol_ids[i], file_id, std::move(symbol.name), std::move(symbol.fqn), std::move(symbol.kind)});
         }
-        // References of one file get consecutive ids: one writer, AUTOINCREMENT.
+        // References of one file got consecutive ids.
         std::int64_t ref_id = first_ref;
         for (auto& ref : extraction.references) {
             collect->references.push_back({ref_id++, file_id, std::move(ref.name), std::move(ref.qualifier), std::move(ref.usage_type)});
@@ -199,19 +211,15 @@ std::int64_t IndexStore::write_parsed(ParsedFile& file, std::optional<std::int64
     return file_id;
 }
 
-void IndexStore::begin_batch() {
-    batch_first_symbol_ = db_.scalar_int("SELECT coalesce(max(id), 0) FROM symbols");
-}
+void IndexStore::begin_batch() { batch_first_symbol_ = last_symbol_id_; }
 
 void IndexStore::finish_batch() {
     Statement names(db_, "INSERT INTO symbol_names(rowid, name) SELECT id, name FROM symbols WHERE id > ?");
     names.bind(1, batch_first_symbol_);
     names.run();
-    Statement text(db_, "INSERT INTO symbol_text(rowid, name, fqn, signature, docstring) "
-                        "SELECT id, name, fqn, signature, docstring FROM symbols WHERE id > ?");
-    text.bind(1, batch_first_symbol_);
-    text.run();
-    batch_first_symbol_ = db_.scalar_int("SELECT coalesce(max(id), 0) FROM symbols");
+    batch_first_symbol_ = last_symbol_id_;
+    storage::write_meta(db_, "last_symbol_id", std::to_string(last_symbol_id_));
+    storage::write_meta(db_, "last_ref_id", std::to_string(last_ref_id_));
 }
 
 void IndexStore::update_stat(std::int64_t file_id, std::int64_t size, std::int64_t mtime_ns) {

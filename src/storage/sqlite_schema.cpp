@@ -2,7 +2,13 @@
 
 #include <sqlite3.h>
 
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
 #include <array>
+#include <cerrno>
+#include <charconv>
 #include <system_error>
 
 namespace orvane_kestrix::storage {
@@ -107,8 +113,89 @@ CREATE INDEX covering_tests_by_test ON covering_tests(test_file_id);
 INSERT INTO meta(key, value) VALUES ('derived_stale', '0');
 )sql";
 
+// Version 2: symbols and references get their ids from the writer (a high-water mark in meta
+// keeps them unique for the life of the file) instead of AUTOINCREMENT, whose bookkeeping
+// table is updated on every insert; the full-text table over names, signatures and
+// docstrings is gone (nothing read it, and it was a sixth of the cost of a full index). The
+// tables of parsed content are remade empty and every file is parsed again.
+constexpr const char* kSchemaV2 = R"sql(
+DROP TABLE symbol_text;
+DROP TABLE symbol_names;
+DROP TABLE covering_tests;
+DROP TABLE imports;
+DROP TABLE ref_targets;
+DROP TABLE refs;
+DROP TABLE symbols;
+DELETE FROM sqlite_sequence;
+DELETE FROM files;
+DELETE FROM components;
+DELETE FROM meta WHERE key IN ('parser_revision', 'packages');
+INSERT OR REPLACE INTO meta(key, value) VALUES ('derived_stale', '1');
+
+CREATE TABLE symbols(
+  id INTEGER PRIMARY KEY,
+  file_id INTEGER NOT NULL REFERENCES files(id),
+  parent_id INTEGER,
+  name TEXT NOT NULL,
+  fqn TEXT NOT NULL,
+  kind TEXT NOT NULL,
+  start_line INTEGER NOT NULL,
+  end_line INTEGER NOT NULL,
+  signature TEXT,
+  docstring TEXT,
+  docstring_truncated INTEGER NOT NULL DEFAULT 0,
+  is_export INTEGER NOT NULL DEFAULT 0,
+  token_count INTEGER NOT NULL DEFAULT 0,
+  production_fan_in INTEGER NOT NULL DEFAULT 0
+);
+CREATE INDEX symbols_by_file ON symbols(file_id, start_line);
+CREATE INDEX symbols_by_fqn ON symbols(fqn);
+CREATE INDEX symbols_by_name ON symbols(name COLLATE NOCASE);
+
+CREATE VIRTUAL TABLE symbol_names USING fts5(
+  name, content='symbols', content_rowid='id', tokenize='trigram', detail='none');
+
+CREATE TABLE refs(
+  id INTEGER PRIMARY KEY,
+  file_id INTEGER NOT NULL REFERENCES files(id),
+  caller_id INTEGER,
+  name TEXT NOT NULL,
+  qualifier TEXT NOT NULL DEFAULT '',
+  usage_type TEXT NOT NULL,
+  line INTEGER NOT NULL,
+  context TEXT NOT NULL DEFAULT ''
+);
+CREATE INDEX refs_by_file ON refs(file_id);
+
+CREATE TABLE ref_targets(
+  symbol_id INTEGER NOT NULL,
+  ref_id INTEGER NOT NULL,
+  PRIMARY KEY (symbol_id, ref_id)
+) WITHOUT ROWID;
+
+CREATE TABLE imports(
+  id INTEGER PRIMARY KEY,
+  file_id INTEGER NOT NULL REFERENCES files(id),
+  module TEXT NOT NULL,
+  name TEXT,
+  alias TEXT,
+  line INTEGER NOT NULL
+);
+CREATE INDEX imports_by_file ON imports(file_id);
+
+CREATE TABLE covering_tests(
+  source_file_id INTEGER NOT NULL,
+  test_file_id INTEGER NOT NULL,
+  rank REAL NOT NULL,
+  used_symbols INTEGER NOT NULL DEFAULT 0,
+  PRIMARY KEY (source_file_id, test_file_id)
+) WITHOUT ROWID;
+CREATE INDEX covering_tests_by_test ON covering_tests(test_file_id);
+)sql";
+
 constexpr std::array kMigrations = {
     Migration{1, kSchemaV1},
+    Migration{2, kSchemaV2},
 };
 static_assert(kMigrations.back().version == kIndexSchemaVersion);
 
@@ -147,6 +234,14 @@ Database::Database(const std::filesystem::path& path, int flags) : path_(path) {
 
 Database::~Database() {
     if (db_ != nullptr) sqlite3_close_v2(db_);
+}
+
+void Database::close() {
+    if (db_ == nullptr) return;
+    // Fails (and keeps the connection) while a statement is still alive.
+    const int code = sqlite3_close(db_);
+    if (code != SQLITE_OK) raise(code);
+    db_ = nullptr;
 }
 
 Database::Database(Database&& other) noexcept : db_(other.db_), path_(std::move(other.path_)) {
@@ -375,8 +470,13 @@ Database open_index(const std::filesystem::path& path, const IndexOpenOptions& o
         return db;
     }
 
-    db.exec("PRAGMA journal_mode = WAL");
-    db.exec("PRAGMA synchronous = NORMAL");
+    if (options.unpublished) {
+        db.exec("PRAGMA journal_mode = OFF");
+        db.exec("PRAGMA synchronous = OFF");
+    } else {
+        db.exec("PRAGMA journal_mode = WAL");
+        db.exec("PRAGMA synchronous = NORMAL");
+    }
     if (state.user_version < kIndexSchemaVersion) {
         try {
             migrate(db, state.user_version);
@@ -392,6 +492,48 @@ void remove_index_files(const std::filesystem::path& path) {
     std::error_code error;
     for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
         std::filesystem::remove(std::filesystem::path(path.string() + suffix), error);
+    }
+}
+
+void publish_index(Database db, const std::filesystem::path& target) {
+    const std::filesystem::path built = db.path();
+    db.exec("PRAGMA journal_mode = WAL");
+    db.close();
+    // Nothing was synced while the file filled; it reaches the disk before it takes the
+    // place of the old index.
+    const int fd = ::open(built.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0 || ::fsync(fd) != 0) {
+        const int error = errno;
+        if (fd >= 0) ::close(fd);
+        throw std::system_error(error, std::generic_category(), "cannot flush " + built.string());
+    }
+    ::close(fd);
+    std::error_code error;
+    for (const char* suffix : {"-wal", "-shm", "-journal"}) {
+        std::filesystem::remove(std::filesystem::path(target.string() + suffix), error);
+    }
+    std::filesystem::rename(built, target);
+}
+
+std::filesystem::path unpublished_index_path(const std::filesystem::path& target) {
+    return std::filesystem::path(target.string() + ".building-" + std::to_string(::getpid()));
+}
+
+void remove_abandoned_builds(const std::filesystem::path& target) {
+    std::error_code error;
+    const std::filesystem::path dir = target.has_parent_path() ? target.parent_path() : ".";
+    const std::string prefix = target.filename().string() + ".building-";
+    for (const auto& entry : std::filesystem::directory_iterator(dir, error)) {
+        const std::string name = entry.path().filename().string();
+        if (!name.starts_with(prefix)) continue;
+        const std::string rest = name.substr(prefix.size());
+        pid_t pid = 0;
+        const auto [end, parse_error] = std::from_chars(rest.data(), rest.data() + rest.size(), pid);
+        if (parse_error != std::errc() || pid <= 0) continue;
+        // "-wal", "-shm" and "-journal" companions go with their database file.
+        if (end != rest.data() + rest.size()) continue;
+        if (pid == ::getpid() || ::kill(pid, 0) == 0 || errno != ESRCH) continue;
+        remove_index_files(entry.path());
     }
 }
 

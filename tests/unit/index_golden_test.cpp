@@ -152,9 +152,6 @@ TEST_F(SampleIndex, FindsSymbolsBySubstringThroughTheTrigramTable) {
               join({"python.shop.cart.Item.price", "python.shop.cart.total_price",
                     "python.tests.test_cart.test_total_price_of_nothing", "web.src.api.Product.price",
                     "web.src.format.formatPrice"}));
-    EXPECT_EQ(join(rows("SELECT s.fqn FROM symbol_text JOIN symbols s ON s.id = symbol_text.rowid "
-                        "WHERE symbol_text MATCH 'docstring:subtotals' ORDER BY s.fqn")),
-              join({"python.shop.cart.total_price"}));
 }
 
 TEST_F(SampleIndex, SecondRunOverTheSameTreeParsesNothing) {

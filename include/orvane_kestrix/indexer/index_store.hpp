@@ -62,7 +62,7 @@ public:
     std::unordered_map<std::string, StoredFile> load_files();
 
     // Writes go inside a transaction the caller holds, between begin_batch() and
-    // finish_batch(), which brings the full-text tables up to date with the batch's symbols.
+    // finish_batch(), which brings the name search table up to date with the batch's symbols.
     void begin_batch();
     void finish_batch();
     // Inserts or replaces the file and everything extracted from it. Returns the file id.
@@ -96,11 +96,13 @@ private:
     void delete_contents(std::int64_t file_id);
 
     storage::Database& db_;
-    std::int64_t batch_first_symbol_ = 0;  // symbols with larger ids are not yet in the FTS tables
+    std::int64_t batch_first_symbol_ = 0;  // symbols with larger ids are not yet in the name FTS table
+    std::int64_t last_symbol_id_ = 0;      // the largest ids given out, new rows are numbered above
+    std::int64_t last_ref_id_ = 0;
     std::unordered_map<std::string, std::int64_t> components_;
     storage::Statement insert_file_, update_file_, insert_symbol_, set_parent_, insert_ref_, insert_import_,
         delete_edges_of_file_, delete_symbols_, delete_refs_, delete_imports_, update_stat_, update_facts_,
-        insert_component_, fts_delete_names_, fts_delete_text_;
+        insert_component_, fts_delete_names_;
 };
 
 // Language by its stored name.

@@ -8,7 +8,7 @@
 // a file with another application id and tables of its own is a foreign file, never touched
 // unless the caller asks for a rebuild.
 //
-// Schema (version 1). Paths are repository-relative, "/"-separated. Booleans are 0/1 integers.
+// Schema (version 2). Paths are repository-relative, "/"-separated. Booleans are 0/1 integers.
 // Lines are 1-based, end lines inclusive.
 //
 //   meta(key TEXT PRIMARY KEY, value TEXT)
@@ -21,6 +21,8 @@
 //           a change makes the next run recompute references.
 //       "parser_revision": the parser output revision the files were parsed with; another
 //           value makes the next run parse every file again.
+//       "last_symbol_id", "last_ref_id": the largest symbol and reference ids ever given out;
+//           the writer numbers new rows above them, so an id is never given twice.
 //
 //   components(id INTEGER PRIMARY KEY, name TEXT UNIQUE)
 //       A directory holding a package manifest (pyproject.toml, setup.py, package.json, go.mod,
@@ -40,7 +42,7 @@
 //       the path stays indexed.
 //       Indexes: files_by_component(component_id); the UNIQUE index on path.
 //
-//   symbols(id INTEGER PRIMARY KEY AUTOINCREMENT, file_id, parent_id, name, fqn, kind,
+//   symbols(id INTEGER PRIMARY KEY, file_id, parent_id, name, fqn, kind,
 //           start_line, end_line, signature, docstring, docstring_truncated, is_export,
 //           token_count, production_fan_in)
 //       One row per definition. `parent_id` is the enclosing definition in the same file, or
@@ -48,7 +50,7 @@
 //       Symbol::token_count(): estimate_tokens of the compact JSON text of
 //       {"fqn","name","kind","file","line","signature"} (line = start_line, signature null when
 //       absent). `production_fan_in` is the number of references from non-test files resolved
-//       to this symbol. Ids are never reused (AUTOINCREMENT); a re-parsed file gets new ids.
+//       to this symbol. Ids are never reused (see last_symbol_id); a re-parsed file gets new ids.
 //       Order within a file: by id, which is source order.
 //       Indexes: symbols_by_file(file_id, start_line), symbols_by_fqn(fqn),
 //       symbols_by_name(name COLLATE NOCASE) (NOCASE folds ASCII only, as LIKE does: exact
@@ -62,13 +64,10 @@
 //         WHERE s.id IN (SELECT rowid FROM symbol_names WHERE name LIKE :p)
 //           AND s.name LIKE :p [AND f.is_source = 1] ORDER BY s.id LIMIT :limit
 //
-//   symbol_text: FTS5 table (unicode61 tokenizer), external content = symbols, columns name,
-//       fqn, signature, docstring; rowid = symbols.id. Full-text search for retrievers
-//       (MATCH, bm25()).
-//       The indexer keeps both FTS tables in step with `symbols` within each write
-//       transaction (bulk inserts per batch rather than triggers, for speed).
+//       The indexer keeps it in step with `symbols` within each write transaction (bulk
+//       inserts per batch rather than triggers, for speed).
 //
-//   refs(id INTEGER PRIMARY KEY AUTOINCREMENT, file_id, caller_id, name, qualifier,
+//   refs(id INTEGER PRIMARY KEY, file_id, caller_id, name, qualifier,
 //        usage_type, line, context)
 //       One row per use of a name: a call, an import, a type use, an inheritance...
 //       (`usage_type` as the parser names it: "call", "import", "type", "inherit", ...).
@@ -117,7 +116,7 @@ struct sqlite3_stmt;
 
 namespace orvane_kestrix::storage {
 
-inline constexpr int kIndexSchemaVersion = 1;
+inline constexpr int kIndexSchemaVersion = 2;
 // "KSTX": marks a file as an index of this tool.
 inline constexpr std::int32_t kIndexApplicationId = 0x4B535458;
 
@@ -161,6 +160,8 @@ public:
     std::int64_t last_insert_rowid() const;
     std::int64_t scalar_int(std::string_view sql);
     [[noreturn]] void raise(int code) const;
+    // Closes now, reporting a failure (a statement still alive) instead of deferring it.
+    void close();
 
 private:
     sqlite3* db_ = nullptr;
@@ -231,6 +232,9 @@ private:
 struct IndexOpenOptions {
     bool read_only = false;  // readers: never creates, migrates or changes the file
     bool rebuild = false;    // writers: delete whatever is at the path and start a new index
+    // Writers of a file no one else sees yet (built aside, then published): no journal and no
+    // syncs while it fills. publish_index() makes it an ordinary index.
+    bool unpublished = false;
 };
 
 // Opens the index at `path`, for use by one thread at a time. A writer creates the file (and its directory) when missing,
@@ -241,6 +245,18 @@ Database open_index(const std::filesystem::path& path, const IndexOpenOptions& o
 
 // Deletes the database file and its -wal, -shm and -journal companions, if present.
 void remove_index_files(const std::filesystem::path& path);
+
+// Turns an index opened `unpublished` into an ordinary one (WAL, flushed to disk), closes it
+// and renames it over `target` in one step: readers see the old index or the new one, never a
+// part. The target's own -wal and -shm companions go first, so they are never applied to the
+// new file.
+void publish_index(Database db, const std::filesystem::path& target);
+
+// Where an index for `target` is built before publish_index(): next to it, named after it and
+// this process.
+std::filesystem::path unpublished_index_path(const std::filesystem::path& target);
+// Deletes the unpublished builds for `target` whose process is gone (killed half way).
+void remove_abandoned_builds(const std::filesystem::path& target);
 
 // Reads and writes the `meta` table.
 std::optional<std::string> read_meta(Database& db, std::string_view key);
