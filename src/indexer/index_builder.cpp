@@ -428,6 +428,7 @@ IndexStats IndexBuilder::run() {
 
         // Files whose size and modification time match the index are not read again.
         std::uint64_t bytes_to_read = 0;
+        std::vector<std::uint64_t> size_to_read;
         for (std::size_t i = 0; i < candidates.size(); ++i) {
             const Candidate& candidate = candidates[i];
             struct stat st {};
@@ -451,7 +452,20 @@ IndexStats IndexBuilder::run() {
                 continue;
             }
             to_read.push_back(i);
+            size_to_read.push_back(static_cast<std::uint64_t>(st.st_size));
             bytes_to_read += static_cast<std::uint64_t>(st.st_size);
+        }
+        // Largest files first: the workers then finish together instead of one parsing a big
+        // file alone at the end.
+        {
+            std::vector<std::size_t> order(to_read.size());
+            for (std::size_t k = 0; k < order.size(); ++k) order[k] = k;
+            std::stable_sort(order.begin(), order.end(),
+                             [&](std::size_t a, std::size_t b) { return size_to_read[a] > size_to_read[b]; });
+            std::vector<std::size_t> sorted;
+            sorted.reserve(order.size());
+            for (std::size_t k : order) sorted.push_back(to_read[k]);
+            to_read = std::move(sorted);
         }
 
         // 2. Read and parse on worker threads; write on this one.

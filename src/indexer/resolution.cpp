@@ -6,6 +6,7 @@
 #include <regex>
 #include <set>
 #include <string_view>
+#include <thread>
 #include <unordered_set>
 
 #include "orvane_kestrix/indexer/file_classification.hpp"
@@ -16,6 +17,9 @@ namespace {
 
 using Index = std::size_t;
 using FileList = std::vector<Index>;
+
+// Below this many references per core, resolving on one thread is as quick.
+constexpr std::size_t kReferencesPerSlice = 20000;
 
 std::string_view directory_of(std::string_view path) {
     const auto slash = path.rfind('/');
@@ -192,17 +196,29 @@ struct FileImports {
 
 class Resolver {
 public:
-    explicit Resolver(const IndexSnapshot& snapshot) : s_(snapshot) {
+    struct ModuleTarget {
+        FileList files;
+        std::optional<std::string> member;
+    };
+    // Modules of the qualifiers met so far by (file, qualifier): they repeat within a file
+    // ("os.path" on every call). One per resolving thread.
+    using QualifierCache = std::map<std::pair<Index, std::string>, ModuleTarget>;
+
+    // Builds every lookup and resolves every file's imports; from then on the resolver only
+    // reads, so threads can share it.
+    Resolver(const IndexSnapshot& snapshot, const std::vector<PackageRoot>& packages) : s_(snapshot) {
+        set_packages(packages);
         build_file_indexes();
         build_symbol_indexes();
-        imports_.resize(s_.files.size());
-        imports_ready_.assign(s_.files.size(), false);
+        std::vector<std::vector<const SnapshotImport*>> imports_of_file(s_.files.size());
         for (const auto& import : s_.imports) {
-            if (auto it = file_index_.find(import.file_id); it != file_index_.end()) imports_of_file_[it->second].push_back(&import);
+            if (auto it = file_index_.find(import.file_id); it != file_index_.end()) imports_of_file[it->second].push_back(&import);
         }
+        imports_.reserve(s_.files.size());
+        for (Index file = 0; file < s_.files.size(); ++file) imports_.push_back(resolve_imports(file, imports_of_file[file]));
     }
 
-    std::vector<std::int64_t> resolve(const SnapshotReference& ref) {
+    std::vector<std::int64_t> resolve(const SnapshotReference& ref, QualifierCache& qualifiers) const {
         std::vector<std::int64_t> out;
         const auto it = file_index_.find(ref.file_id);
         if (it == file_index_.end() || ref.name.empty()) return out;
@@ -240,7 +256,7 @@ public:
         // through re-exports), never one of the importing file.
         if (ref.usage_type == "import") {
             if (ref.qualifier.empty()) return out;
-            const ModuleTarget& target = module_for_qualifier(file, ref.qualifier);
+            const ModuleTarget& target = module_for_qualifier(file, ref.qualifier, qualifiers);
             if (!target.member) add_symbols(target.files, ref.name, out, 2, module_fit);
             return finish(out);
         }
@@ -259,7 +275,7 @@ public:
             if (!out.empty()) return finish(out);
             if (qualifier.find('.') != std::string::npos) {
                 // A module written out ("pkg.mod.func"), or a class in one ("pkg.mod.Class.method").
-                const ModuleTarget& target = module_for_qualifier(file, ref.qualifier);
+                const ModuleTarget& target = module_for_qualifier(file, ref.qualifier, qualifiers);
                 add_symbols(target.files, ref.name, out, 1, target.member ? fit : module_fit);
                 if (!out.empty()) return finish(out);
             }
@@ -318,7 +334,7 @@ public:
     }
 
     // The files that `file`'s imports lead to (for covering tests).
-    FileList imported_files(Index file) {
+    FileList imported_files(Index file) const {
         FileList out;
         for (const auto& binding : imports_of(file).bindings) {
             out.insert(out.end(), binding.files.begin(), binding.files.end());
@@ -394,7 +410,7 @@ private:
     // Symbols named `name` in `files` that fit; when a file has none, follows its imports of
     // that name (re-exports such as __init__.py, index.js or `pub use`) up to `depth` levels.
     void add_symbols(const FileList& files, const std::string& name, std::vector<std::int64_t>& out, int depth,
-                     const Filter& fit) {
+                     const Filter& fit) const {
         // Most names are defined a few times in the whole index: scanning those definitions
         // beats a (file, name) lookup per file.
         const auto defined = by_name_.find(name);
@@ -425,7 +441,7 @@ private:
     }
 
     // `from pkg import mod`: the module pkg.mod, when `name` is a module rather than an item.
-    FileList resolve_submodule(Index file, const Binding& binding, const std::string& name) {
+    FileList resolve_submodule(Index file, const Binding& binding, const std::string& name) const {
         const Language language = s_.files[file].language;
         std::string separator = ".";
         if (language == Language::rust) separator = "::";
@@ -436,13 +452,8 @@ private:
         return target.member ? FileList{} : target.files;
     }
 
-    struct ModuleTarget {
-        FileList files;
-        std::optional<std::string> member;
-    };
-
     // The files a module string names, as seen from `file`.
-    ModuleTarget resolve_module(Index file, const std::string& module) {
+    ModuleTarget resolve_module(Index file, const std::string& module) const {
         const auto& from = s_.files[file];
         const std::string_view dir = directory_of(from.path);
         const Language language = from.language;
@@ -599,20 +610,19 @@ private:
         return src == std::string_view::npos ? std::string() : std::string(path.substr(0, src + 3));
     }
 
-    // Qualifiers repeat within a file ("os.path" on every call): each is resolved once.
-    const ModuleTarget& module_for_qualifier(Index file, const std::string& qualifier) {
+    const ModuleTarget& module_for_qualifier(Index file, const std::string& qualifier, QualifierCache& cache) const {
         auto key = std::make_pair(file, qualifier);
-        if (auto it = qualifier_modules_.find(key); it != qualifier_modules_.end()) return it->second;
-        return qualifier_modules_.emplace(std::move(key), resolve_module(file, qualifier)).first->second;
+        if (auto it = cache.find(key); it != cache.end()) return it->second;
+        return cache.emplace(std::move(key), resolve_module(file, qualifier)).first->second;
     }
 
-    // The imports of a file, resolved once and indexed by the names the file's code uses.
-    const FileImports& imports_of(Index file) {
-        if (imports_ready_[file]) return imports_[file];
-        imports_ready_[file] = true;
-        FileImports& out = imports_[file];
+    const FileImports& imports_of(Index file) const { return imports_[file]; }
+
+    // The imports of a file, indexed by the names the file's code uses.
+    FileImports resolve_imports(Index file, const std::vector<const SnapshotImport*>& imports) const {
+        FileImports out;
         std::map<std::string, ModuleTarget> resolved;  // a module imported name by name resolves once
-        for (const SnapshotImport* import : imports_of_file_[file]) {
+        for (const SnapshotImport* import : imports) {
             Binding binding;
             auto cached = resolved.find(import->module);
             if (cached == resolved.end()) cached = resolved.emplace(import->module, resolve_module(file, import->module)).first;
@@ -663,7 +673,6 @@ private:
         return it == map.end() ? kNone : it->second;
     }
 
-public:
     struct Package {
         std::vector<std::string> parts;
         std::string directory;
@@ -689,38 +698,70 @@ private:
     std::unordered_map<std::pair<int, std::string_view>, std::vector<Index>, FamilyHash> by_family_name_;
     std::unordered_map<std::string_view, std::vector<Index>> by_name_;
     std::vector<Index> symbol_file_;  // file index of each symbol
-    std::unordered_map<Index, std::vector<const SnapshotImport*>> imports_of_file_;
     std::vector<FileImports> imports_;
-    std::vector<bool> imports_ready_;
     std::vector<Package> packages_;
-    std::map<std::pair<Index, std::string>, ModuleTarget> qualifier_modules_;
 };
 
 }  // namespace
 
 DerivedData derive_index_data(const IndexSnapshot& snapshot) {
     DerivedData data;
-    Resolver resolver(snapshot);
-    resolver.set_packages(snapshot.packages);
+    const Resolver resolver(snapshot, snapshot.packages);
 
     std::unordered_map<std::int64_t, std::int64_t> symbol_file;
     symbol_file.reserve(snapshot.symbols.size());
     for (const auto& symbol : snapshot.symbols) symbol_file[symbol.id] = symbol.file_id;
 
-    // Test file index -> source file index -> distinct symbols used.
-    std::map<Index, std::map<Index, std::set<std::int64_t>>> used;
-
-    for (const auto& ref : snapshot.references) {
-        if (!resolver.has_file(ref.file_id)) continue;
-        const Index from = resolver.index_of_file(ref.file_id);
-        const auto& from_file = snapshot.files[from];
-        for (std::int64_t target : resolver.resolve(ref)) {
-            data.edges.push_back({target, ref.id});
-            if (!from_file.is_test) ++data.fan_in[target];
-            if (from_file.is_test) {
-                const Index to = resolver.index_of_file(symbol_file.at(target));
-                if (to != from && !snapshot.files[to].is_test) used[from][to].insert(target);
+    // The references are resolved in contiguous slices on all cores (one qualifier cache per
+    // slice; references of a file are mostly adjacent), then the slices' results are merged.
+    struct Slice {
+        std::vector<ReferenceEdge> edges;
+        std::unordered_map<std::int64_t, std::int64_t> fan_in;
+        // Test file index -> source file index -> distinct symbols used.
+        std::map<Index, std::map<Index, std::set<std::int64_t>>> used;
+    };
+    const std::size_t total = snapshot.references.size();
+    const std::size_t slices =
+        std::clamp<std::size_t>(std::thread::hardware_concurrency(), 1, std::max<std::size_t>(1, total / kReferencesPerSlice));
+    std::vector<Slice> results(slices);
+    auto resolve_slice = [&](std::size_t k) {
+        Slice& out = results[k];
+        Resolver::QualifierCache qualifiers;
+        for (std::size_t i = total * k / slices, end = total * (k + 1) / slices; i < end; ++i) {
+            const SnapshotReference& ref = snapshot.references[i];
+            if (!resolver.has_file(ref.file_id)) continue;
+            const Index from = resolver.index_of_file(ref.file_id);
+            const auto& from_file = snapshot.files[from];
+            for (std::int64_t target : resolver.resolve(ref, qualifiers)) {
+                out.edges.push_back({target, ref.id});
+                if (!from_file.is_test) ++out.fan_in[target];
+                if (from_file.is_test) {
+                    const Index to = resolver.index_of_file(symbol_file.at(target));
+                    if (to != from && !snapshot.files[to].is_test) out.used[from][to].insert(target);
+                }
             }
+        }
+    };
+    {
+        std::vector<std::thread> threads;
+        for (std::size_t k = 1; k < slices; ++k) threads.emplace_back(resolve_slice, k);
+        // Joined even when this slice throws (out of memory), which would otherwise terminate.
+        struct Join {
+            std::vector<std::thread>& threads;
+            ~Join() {
+                for (auto& thread : threads) thread.join();
+            }
+        } join{threads};
+        resolve_slice(0);
+    }
+    std::map<Index, std::map<Index, std::set<std::int64_t>>> used = std::move(results[0].used);
+    data.fan_in = std::move(results[0].fan_in);
+    data.edges = std::move(results[0].edges);
+    for (std::size_t k = 1; k < slices; ++k) {
+        data.edges.insert(data.edges.end(), results[k].edges.begin(), results[k].edges.end());
+        for (const auto& [symbol, count] : results[k].fan_in) data.fan_in[symbol] += count;
+        for (auto& [test, sources] : results[k].used) {
+            for (auto& [source, symbols] : sources) used[test][source].merge(symbols);
         }
     }
     std::sort(data.edges.begin(), data.edges.end());

@@ -117,8 +117,15 @@ INSERT INTO meta(key, value) VALUES ('derived_stale', '0');
 // keeps them unique for the life of the file) instead of AUTOINCREMENT, whose bookkeeping
 // table is updated on every insert; the full-text table over names, signatures and
 // docstrings is gone (nothing read it, and it was a sixth of the cost of a full index). The
-// tables of parsed content are remade empty and every file is parsed again.
+// tables of parsed content are remade empty (ids still continue above the old ones) and
+// every file is parsed again.
 constexpr const char* kSchemaV2 = R"sql(
+INSERT OR REPLACE INTO meta(key, value)
+  SELECT 'last_symbol_id', max((SELECT coalesce(max(id), 0) FROM symbols),
+                               (SELECT coalesce(max(seq), 0) FROM sqlite_sequence WHERE name = 'symbols'));
+INSERT OR REPLACE INTO meta(key, value)
+  SELECT 'last_ref_id', max((SELECT coalesce(max(id), 0) FROM refs),
+                            (SELECT coalesce(max(seq), 0) FROM sqlite_sequence WHERE name = 'refs'));
 DROP TABLE symbol_text;
 DROP TABLE symbol_names;
 DROP TABLE covering_tests;
@@ -221,6 +228,14 @@ IndexFileError::IndexFileError(const std::filesystem::path& path, const std::str
 // ---- Database ----
 
 Database::Database(const std::filesystem::path& path, int flags) : path_(path) {
+    // SQLite's allocation statistics take a process-wide mutex on every allocation, which the
+    // index writer pays on each row; nothing here reads them. Only possible before SQLite
+    // initialises, so it is set before the first connection (a no-op afterwards).
+    static const bool configured = [] {
+        sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+        return true;
+    }();
+    (void)configured;
     const int rc = sqlite3_open_v2(path.c_str(), &db_, flags, nullptr);
     if (rc != SQLITE_OK) {
         std::string message = sqlite_message(db_, rc);

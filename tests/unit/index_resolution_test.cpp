@@ -284,3 +284,52 @@ TEST(Resolution, CountsProductionFanInAndRanksCoveringTests) {
 }
 
 }  // namespace
+
+// Enough references to be resolved in slices on several threads: the merged result must count
+// every slice's fan-in and test uses, and list each edge once.
+TEST(Resolution, LargeSnapshotsGiveTheSameCountsWhateverTheSlicing) {
+    IndexSnapshot snapshot;
+    constexpr int kModules = 200;
+    constexpr int kCallsPerModule = 300;  // 60,000 references in all
+    std::int64_t next_ref = 1;
+    for (int m = 0; m < kModules; ++m) {
+        const std::int64_t file_id = m + 1;
+        const std::string module = "m" + std::to_string(m);
+        snapshot.files.push_back({file_id, module + ".py", Language::python, false, true, module});
+        snapshot.symbols.push_back({1000 + m, file_id, "f" + std::to_string(m), module + ".f" + std::to_string(m), "function"});
+        // Every module calls the shared helper of module 0 through an import, and its own
+        // function, many times.
+        if (m != 0) snapshot.imports.push_back({file_id, "m0", std::string("f0"), std::nullopt});
+        for (int c = 0; c < kCallsPerModule; ++c) {
+            const std::string name = c % 2 == 0 ? "f0" : "f" + std::to_string(m);
+            snapshot.references.push_back({next_ref++, file_id, name, "", "call"});
+        }
+    }
+    // One test file uses the helper and two other modules' functions, from each end of the
+    // reference list.
+    const std::int64_t test_id = kModules + 1;
+    snapshot.files.push_back({test_id, "test_m0.py", Language::python, true, true, "test_m0"});
+    for (const char* module : {"m0", "m1", "m199"}) {
+        snapshot.imports.push_back({test_id, module, std::string(module[1] == '0' ? "f0" : std::string("f") + (module + 1)),
+                                    std::nullopt});
+    }
+    snapshot.references.insert(snapshot.references.begin(), {0, test_id, "f1", "", "call"});
+    for (const char* name : {"f0", "f199", "f0"}) snapshot.references.push_back({next_ref++, test_id, name, "", "call"});
+
+    const DerivedData derived = derive_index_data(snapshot);
+
+    EXPECT_EQ(derived.edges.size(), snapshot.references.size());
+    EXPECT_TRUE(std::is_sorted(derived.edges.begin(), derived.edges.end()));
+    EXPECT_TRUE(std::adjacent_find(derived.edges.begin(), derived.edges.end()) == derived.edges.end());
+    // Half of each other module's calls and all of module 0's go to f0; the test's do not count.
+    EXPECT_EQ(derived.fan_in.at(1000), (kModules - 1) * kCallsPerModule / 2 + kCallsPerModule);
+    EXPECT_EQ(derived.fan_in.at(1001), kCallsPerModule / 2);
+    EXPECT_EQ(derived.fan_in.at(1199), kCallsPerModule / 2);
+    std::map<std::int64_t, std::pair<double, std::int64_t>> tests;
+    for (const auto& row : derived.covering_tests) {
+        EXPECT_EQ(row.test_file_id, test_id);
+        tests[row.source_file_id] = {row.rank, row.used_symbols};
+    }
+    EXPECT_EQ(tests, (std::map<std::int64_t, std::pair<double, std::int64_t>>{
+                         {1, {0.0, 1}}, {2, {1.0, 1}}, {200, {1.0, 1}}}));
+}

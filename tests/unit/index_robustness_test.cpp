@@ -380,3 +380,80 @@ TEST_F(IndexRobustness, ToolPrintsOneSummaryLine) {
 }
 
 }  // namespace
+
+TEST_F(IndexRobustness, IndexOfTheFirstSchemaIsUpgradedAndEveryFileParsedAgain) {
+    write("a.py", "def fresh\n");
+    struct stat st {};
+    ASSERT_EQ(::stat((root_ / "a.py").c_str(), &st), 0);
+    std::ifstream in(fs::path(KESTRIX_TEST_DATA) / "fixtures" / "index" / "schema_v1.sql");
+    std::stringstream text;
+    text << in.rdbuf();
+    std::string sql = text.str();
+    auto replace = [&](const std::string& from, const std::string& to) { sql.replace(sql.find(from), from.size(), to); };
+    replace("SIZE", std::to_string(st.st_size));
+    replace("MTIME", std::to_string(static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec));
+    {
+        Database db(db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
+        db.exec(sql);
+    }
+
+    const IndexStats stats = index();
+    EXPECT_EQ(stats.parsed, 1);
+    EXPECT_EQ(query("PRAGMA user_version"), "2");
+    EXPECT_EQ(query("SELECT name FROM symbols"), "fresh");
+    EXPECT_EQ(query("SELECT count(*) FROM sqlite_master WHERE name = 'symbol_text'"), "0");
+    // Ids continue above the old ones.
+    EXPECT_EQ(query("SELECT id > 7 FROM symbols"), "1");
+    EXPECT_EQ(query("SELECT name FROM symbols WHERE id IN (SELECT rowid FROM symbol_names WHERE name LIKE '%res%')"), "fresh");
+}
+
+TEST_F(IndexRobustness, IdsOfDeletedRowsAreNeverGivenAgain) {
+    write("a.py", "def a1\nuse a1\n");
+    write("b.py", "def b1\ndef b2\nuse b1\nuse b2\n");
+    index();
+    const std::int64_t last_symbol = std::stoll(query("SELECT max(id) FROM symbols"));
+    const std::int64_t last_ref = std::stoll(query("SELECT max(id) FROM refs"));
+    fs::remove(root_ / query("SELECT f.path FROM symbols s JOIN files f ON f.id = s.file_id ORDER BY s.id DESC LIMIT 1"));
+    index();
+    write("c.py", "def c1\nuse c1\n");
+    index();
+    EXPECT_GT(std::stoll(query("SELECT id FROM symbols WHERE name = 'c1'")), last_symbol);
+    EXPECT_GT(std::stoll(query("SELECT r.id FROM refs r JOIN files f ON f.id = r.file_id WHERE f.path = 'c.py'")), last_ref);
+}
+
+TEST_F(IndexRobustness, InterruptedRebuildLeavesThePreviousIndexWhole) {
+    for (int i = 0; i < 20; ++i) write("m" + std::to_string(i) + ".py", "def f" + std::to_string(i) + "\n");
+    index();
+    for (int i = 0; i < 20; ++i) write("m" + std::to_string(i) + ".py", "def g" + std::to_string(i) + "\n");
+    // A build left behind by a process that is gone.
+    const pid_t child = fork();
+    if (child == 0) _exit(0);
+    ASSERT_GT(child, 0);
+    waitpid(child, nullptr, 0);
+    const fs::path abandoned = db_.string() + ".building-" + std::to_string(child);
+    std::ofstream(abandoned) << "half an index";
+
+    std::atomic<bool> cancel{false};
+    IndexOptions options;
+    options.repo = root_;
+    options.db = db_;
+    options.rebuild = true;
+    options.use_git = false;
+    options.make_extractor = [] { return line_parser(nullptr); };
+    options.cancel = &cancel;
+    options.on_progress = [&](const IndexProgress& progress) {
+        if (progress.phase == "parsing" && progress.done >= 1) cancel = true;
+    };
+    EXPECT_TRUE(IndexBuilder(options).run().cancelled);
+    EXPECT_EQ(query("SELECT count(*) FROM symbols WHERE name LIKE 'f%'"), "20");
+    EXPECT_EQ(query("SELECT value FROM meta WHERE key = 'derived_stale'"), "0");
+
+    options.cancel = nullptr;
+    EXPECT_FALSE(IndexBuilder(options).run().cancelled);
+    EXPECT_EQ(query("SELECT count(*) FROM symbols WHERE name LIKE 'g%'"), "20");
+    EXPECT_EQ(query("SELECT count(*) FROM symbols WHERE name LIKE 'f%'"), "0");
+    // Nothing of either build is left next to the index.
+    for (const auto& entry : fs::directory_iterator(base_)) {
+        EXPECT_EQ(entry.path().filename().string().find(".building-"), std::string::npos) << entry.path();
+    }
+}
