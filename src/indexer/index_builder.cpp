@@ -368,7 +368,9 @@ IndexStats IndexBuilder::run() {
         }
     } discard{work_path, build_aside};
     try {
-        db.exec("PRAGMA cache_size = -65536");
+        // 8 MB of page cache: a larger one only adds fresh pages to fault in while the index
+        // fills (measured slower on a full index of the Python standard library).
+        db.exec("PRAGMA cache_size = -8192");
         db.exec("PRAGMA temp_store = MEMORY");
         IndexStore store(db);
 
