@@ -400,6 +400,9 @@ IndexStats IndexBuilder::run() {
         lap("scan");
 
         std::unordered_map<std::string, StoredFile> stored = store.load_files();
+        // An index without files is parsed whole by this revision: recorded now, so that a
+        // first build that stops half way is continued, not started again.
+        if (stored.empty()) storage::write_meta(db, "parser_revision", kParserRevision);
         const bool reparse_all = storage::read_meta(db, "parser_revision").value_or("") != kParserRevision;
         bool derived_stale = storage::read_meta(db, "derived_stale").value_or("1") != "0" ||
                              storage::read_meta(db, "packages").value_or("") != package_text;

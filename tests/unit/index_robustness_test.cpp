@@ -421,6 +421,29 @@ TEST_F(IndexRobustness, IdsOfDeletedRowsAreNeverGivenAgain) {
     EXPECT_GT(std::stoll(query("SELECT r.id FROM refs r JOIN files f ON f.id = r.file_id WHERE f.path = 'c.py'")), last_ref);
 }
 
+TEST_F(IndexRobustness, InterruptedFirstBuildIsKeptAndTheNextRunCompletesIt) {
+    for (int i = 0; i < 20; ++i) write("m" + std::to_string(i) + ".py", "def f" + std::to_string(i) + "\nuse f0\n");
+    std::atomic<bool> cancel{false};
+    IndexOptions options;
+    options.repo = root_;
+    options.db = db_;
+    options.jobs = 1;
+    options.use_git = false;
+    options.make_extractor = [] { return line_parser(nullptr); };
+    options.cancel = &cancel;
+    options.on_progress = [&](const IndexProgress& progress) {
+        if (progress.phase == "parsing" && progress.done >= 1) cancel = true;
+    };
+    EXPECT_TRUE(IndexBuilder(options).run().cancelled);
+    EXPECT_EQ(query("SELECT value FROM meta WHERE key = 'derived_stale'"), "1");
+    const std::int64_t kept = std::stoll(query("SELECT count(*) FROM files"));
+    EXPECT_GE(kept, 1);
+
+    const IndexStats resumed = index();
+    EXPECT_EQ(resumed.parsed + kept, 20);
+    EXPECT_EQ(query("SELECT production_fan_in FROM symbols WHERE name = 'f0'"), "20");
+}
+
 TEST_F(IndexRobustness, InterruptedRebuildLeavesThePreviousIndexWhole) {
     for (int i = 0; i < 20; ++i) write("m" + std::to_string(i) + ".py", "def f" + std::to_string(i) + "\n");
     index();
