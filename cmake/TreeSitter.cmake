@@ -59,8 +59,8 @@ if(EXISTS ${KESTRIX_TREE_SITTER_RUNTIME}/src/lib.c)
   endfunction()
 
   # The units as object libraries named <prefix>_<unit>, compiled with `flags`; AFTER: a target
-  # that writes the header STAMP, which every object then includes, so that it is rebuilt when
-  # the stamp changes. The objects are listed in `out_objects`.
+  # that writes the (empty) header STAMP, which every object then includes, so that it is
+  # rebuilt when the stamp changes. The objects are listed in `out_objects`.
   function(kestrix_tree_sitter_objects prefix flags out_objects)
     cmake_parse_arguments(PARSE_ARGV 3 arg "" "AFTER;STAMP" "")
     set(objects)
@@ -122,7 +122,7 @@ if(EXISTS ${KESTRIX_TREE_SITTER_RUNTIME}/src/lib.c)
     add_custom_command(OUTPUT ${KESTRIX_PGO_STAMP}
       ${clear_profiles}
       COMMAND tree_sitter_training ${KESTRIX_TRAINING_QUERIES} ${KESTRIX_TRAINING_FILES}
-      COMMAND ${CMAKE_COMMAND} -E echo "/* the parsers' profile is in place */" > ${KESTRIX_PGO_STAMP}
+      COMMAND ${CMAKE_COMMAND} -E touch ${KESTRIX_PGO_STAMP}
       DEPENDS tree_sitter_training ${KESTRIX_TRAINING_QUERIES} ${KESTRIX_TRAINING_FILES}
       COMMENT "Profiling the tree-sitter parsers on the sample repository"
       VERBATIM)
