@@ -5,8 +5,9 @@
 // modification time first, then by content hash), drops the files that are gone, and
 // recomputes what depends on other files: reference targets, production fan-in and covering
 // tests. Files are read and parsed on worker threads (one parser each); one thread writes, one
-// transaction per batch of files. Bad input never stops a run: a file that cannot be used is
-// skipped and counted by reason.
+// transaction per batch of files. A new index (or a rebuild) is written to a file beside the
+// index path without a journal and renamed into place when done. Bad input never stops a run:
+// a file that cannot be used is skipped and counted by reason.
 
 #include <atomic>
 #include <cstdint>
@@ -37,7 +38,8 @@ struct IndexOptions {
     std::filesystem::path repo = ".";
     // The database file; default: <repo>/.kestrix/index.db.
     std::optional<std::filesystem::path> db;
-    // Delete whatever is at the database path and index from scratch.
+    // Index from scratch, then replace whatever is at the database path (kept as it was if
+    // the run is interrupted).
     bool rebuild = false;
     // Parser threads; 0: one per hardware thread.
     unsigned jobs = 0;
@@ -48,7 +50,7 @@ struct IndexOptions {
     // Called on the writing thread as work advances.
     std::function<void(const IndexProgress&)> on_progress;
     // Set from elsewhere (a signal handler) to stop at the next file; the index keeps every
-    // completed batch and stays readable.
+    // completed batch and stays readable (a stopped rebuild leaves the previous index instead).
     const std::atomic<bool>* cancel = nullptr;
     // Makes one parser per worker thread; default: the tree-sitter Extractor.
     std::function<ExtractFunction()> make_extractor;

@@ -125,7 +125,7 @@ const CommandRegistrar registrar([](CLI::App& app, int& exit_code) {
     auto arguments = std::make_shared<IndexArguments>();
     command->add_option("--repo", arguments->repo, "the repository's root directory")->capture_default_str();
     command->add_option("--db", arguments->db, "the index file (default: REPO/.kestrix/index.db)");
-    command->add_flag("--rebuild", arguments->rebuild, "delete the index file and index from scratch");
+    command->add_flag("--rebuild", arguments->rebuild, "index from scratch, then replace the index file");
     command->add_option("--jobs", arguments->jobs, "parser threads (default: one per core)")->check(CLI::NonNegativeNumber);
     command->add_option("--max-file-size", arguments->max_file_size, "skip files larger than this many bytes")
         ->capture_default_str();
