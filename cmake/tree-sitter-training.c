@@ -136,5 +136,9 @@ int main(int argc, char** argv) {
     for (int q = 0; q < query_count; ++q) ts_query_delete(queries[q]);
     ts_query_cursor_delete(query_cursor);
     ts_parser_delete(parser);
-    return nodes > 0 ? 0 : 1;
+    if (nodes == 0) {
+        fprintf(stderr, "tree-sitter-training: no source file to parse among the arguments\n");
+        return 1;
+    }
+    return 0;
 }
