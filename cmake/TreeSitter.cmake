@@ -107,13 +107,11 @@ if(EXISTS ${KESTRIX_TREE_SITTER_RUNTIME}/src/lib.c)
     target_include_directories(tree_sitter_training PRIVATE ${KESTRIX_TREE_SITTER_RUNTIME}/include)
     target_compile_options(tree_sitter_training PRIVATE -O2 -w)
     target_link_options(tree_sitter_training PRIVATE -fprofile-generate)
-    file(GLOB_RECURSE KESTRIX_TRAINING_FILES CONFIGURE_DEPENDS
-      ${CMAKE_CURRENT_SOURCE_DIR}/tests/sample_repo/*.py ${CMAKE_CURRENT_SOURCE_DIR}/tests/sample_repo/*.js
-      ${CMAKE_CURRENT_SOURCE_DIR}/tests/sample_repo/*.ts ${CMAKE_CURRENT_SOURCE_DIR}/tests/sample_repo/*.tsx
-      ${CMAKE_CURRENT_SOURCE_DIR}/tests/sample_repo/*.go ${CMAKE_CURRENT_SOURCE_DIR}/tests/sample_repo/*.rs
-      ${CMAKE_CURRENT_SOURCE_DIR}/tests/sample_repo/*.java ${CMAKE_CURRENT_SOURCE_DIR}/tests/sample_repo/*.c
-      ${CMAKE_CURRENT_SOURCE_DIR}/tests/sample_repo/*.h ${CMAKE_CURRENT_SOURCE_DIR}/tests/sample_repo/*.cpp
-      ${CMAKE_CURRENT_SOURCE_DIR}/tests/sample_repo/*.hpp)
+    set(training_patterns)
+    foreach(extension IN ITEMS py js ts tsx go rs java c h cpp hpp)
+      list(APPEND training_patterns ${CMAKE_CURRENT_SOURCE_DIR}/tests/sample_repo/*.${extension})
+    endforeach()
+    file(GLOB_RECURSE KESTRIX_TRAINING_FILES CONFIGURE_DEPENDS ${training_patterns})
     list(SORT KESTRIX_TRAINING_FILES)
     file(GLOB KESTRIX_TRAINING_QUERIES CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/src/indexer/queries/*.scm)
     list(SORT KESTRIX_TRAINING_QUERIES)

@@ -23,49 +23,13 @@ using namespace detail;
 
 namespace {
 
-bool is_valid_utf8(std::string_view s) {
-    std::size_t i = 0;
-    const std::size_t n = s.size();
-    while (i < n) {
-        auto c = static_cast<unsigned char>(s[i]);
-        if (c < 0x80) {
-            ++i;
-            continue;
-        }
-        std::size_t length;
-        char32_t min;
-        if (c >= 0xC2 && c <= 0xDF) {
-            length = 2;
-            min = 0x80;
-        } else if (c >= 0xE0 && c <= 0xEF) {
-            length = 3;
-            min = 0x800;
-        } else if (c >= 0xF0 && c <= 0xF4) {
-            length = 4;
-            min = 0x10000;
-        } else {
-            return false;
-        }
-        if (i + length > n) return false;
-        char32_t cp = c & (0x7F >> length);
-        for (std::size_t k = 1; k < length; ++k) {
-            auto cc = static_cast<unsigned char>(s[i + k]);
-            if ((cc & 0xC0) != 0x80) return false;
-            cp = (cp << 6) | (cc & 0x3F);
-        }
-        if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
-        i += length;
-    }
-    return true;
-}
-
 // The text as the index reads files: valid UTF-8 (ill-formed sequences replaced), LF line ends.
 // NUL bytes become spaces, as some grammars' scanners take them for the end of input.
 // Returns false when the content can be used as it is.
 bool normalize(std::string_view content, std::string& out) {
     bool has_cr = content.find('\r') != std::string_view::npos;
     bool has_nul = std::memchr(content.data(), '\0', content.size()) != nullptr;
-    bool valid = is_valid_utf8(content);
+    bool valid = text::is_valid_utf8(content);
     if (!has_cr && !has_nul && valid) return false;
     out = valid ? std::string(content) : text::decode_utf8_lenient(content);
     if (has_cr) out = text::universal_newlines(out);

@@ -21,7 +21,6 @@
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
-#include <unicode/utf8.h>
 
 #include "orvane_kestrix/indexer/file_classification.hpp"
 #include "orvane_kestrix/indexer/file_walker.hpp"
@@ -57,24 +56,8 @@ std::int64_t mtime_of(const struct stat& st) {
     return static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1'000'000'000 + st.st_mtim.tv_nsec;
 }
 
-bool is_valid_utf8(std::string_view text) {
-    const auto* data = reinterpret_cast<const uint8_t*>(text.data());
-    const auto length = static_cast<int32_t>(text.size());
-    int32_t i = 0;
-    while (i < length) {
-        if (data[i] < 0x80) {
-            ++i;
-            continue;
-        }
-        UChar32 cp;
-        U8_NEXT(data, i, length, cp);
-        if (cp < 0) return false;
-    }
-    return true;
-}
-
 void make_valid(std::string& text) {
-    if (!is_valid_utf8(text)) text = text::decode_utf8_lenient(text);
+    if (!text::is_valid_utf8(text)) text = text::decode_utf8_lenient(text);
 }
 
 void make_valid(std::optional<std::string>& text) {
@@ -243,7 +226,7 @@ WorkResult process(const fs::path& root, const Candidate& candidate, std::size_t
     }
 
     // Text as the snippet reader sees it: invalid UTF-8 replaced, every line ending a LF.
-    if (!is_valid_utf8(bytes)) bytes = text::decode_utf8_lenient(bytes);
+    if (!text::is_valid_utf8(bytes)) bytes = text::decode_utf8_lenient(bytes);
     if (bytes.find('\r') != std::string::npos) bytes = text::universal_newlines(bytes);
 
     ParsedFile& parsed = result.parsed;
@@ -433,7 +416,7 @@ IndexStats IndexBuilder::run() {
 
         // Files whose size and modification time match the index are not read again.
         std::uint64_t bytes_to_read = 0;
-        std::vector<std::uint64_t> size_to_read;
+        std::vector<std::uint64_t> size_of(candidates.size(), 0);
         for (std::size_t i = 0; i < candidates.size(); ++i) {
             const Candidate& candidate = candidates[i];
             struct stat st {};
@@ -457,21 +440,12 @@ IndexStats IndexBuilder::run() {
                 continue;
             }
             to_read.push_back(i);
-            size_to_read.push_back(static_cast<std::uint64_t>(st.st_size));
+            size_of[i] = static_cast<std::uint64_t>(st.st_size);
             bytes_to_read += static_cast<std::uint64_t>(st.st_size);
         }
         // Largest files first: the workers then finish together instead of one parsing a big
         // file alone at the end.
-        {
-            std::vector<std::size_t> order(to_read.size());
-            for (std::size_t k = 0; k < order.size(); ++k) order[k] = k;
-            std::stable_sort(order.begin(), order.end(),
-                             [&](std::size_t a, std::size_t b) { return size_to_read[a] > size_to_read[b]; });
-            std::vector<std::size_t> sorted;
-            sorted.reserve(order.size());
-            for (std::size_t k : order) sorted.push_back(to_read[k]);
-            to_read = std::move(sorted);
-        }
+        std::stable_sort(to_read.begin(), to_read.end(), [&](std::size_t a, std::size_t b) { return size_of[a] > size_of[b]; });
 
         // 2. Read and parse on worker threads; write on this one.
         unsigned jobs = options_.jobs != 0 ? options_.jobs : std::max(1u, std::thread::hardware_concurrency());

@@ -206,8 +206,8 @@ public:
 
     // Builds every lookup and resolves every file's imports; from then on the resolver only
     // reads, so threads can share it.
-    Resolver(const IndexSnapshot& snapshot, const std::vector<PackageRoot>& packages) : s_(snapshot) {
-        set_packages(packages);
+    explicit Resolver(const IndexSnapshot& snapshot) : s_(snapshot) {
+        set_packages(s_.packages);
         build_file_indexes();
         build_symbol_indexes();
         std::vector<std::vector<const SnapshotImport*>> imports_of_file(s_.files.size());
@@ -706,7 +706,7 @@ private:
 
 DerivedData derive_index_data(const IndexSnapshot& snapshot) {
     DerivedData data;
-    const Resolver resolver(snapshot, snapshot.packages);
+    const Resolver resolver(snapshot);
 
     std::unordered_map<std::int64_t, std::int64_t> symbol_file;
     symbol_file.reserve(snapshot.symbols.size());

@@ -102,14 +102,33 @@ protected:
         std::ofstream(root_ / rel, std::ios::binary) << text;
     }
 
-    IndexStats index(SeenTexts* seen = nullptr, std::uint64_t max_size = 2 * 1024 * 1024) {
+    // Options of a run over the test tree with the line parser.
+    IndexOptions line_options(SeenTexts* seen = nullptr) {
         IndexOptions options;
         options.repo = root_;
         options.db = db_;
         options.jobs = 2;
         options.use_git = false;
-        options.max_file_size = max_size;
         options.make_extractor = [seen] { return line_parser(seen); };
+        return options;
+    }
+
+    IndexStats index(SeenTexts* seen = nullptr, std::uint64_t max_size = 2 * 1024 * 1024) {
+        IndexOptions options = line_options(seen);
+        options.max_file_size = max_size;
+        return IndexBuilder(options).run();
+    }
+
+    // A run on one parser thread that is stopped once the first file has been written.
+    IndexStats index_interrupted(bool rebuild = false) {
+        std::atomic<bool> cancel{false};
+        IndexOptions options = line_options();
+        options.jobs = 1;
+        options.rebuild = rebuild;
+        options.cancel = &cancel;
+        options.on_progress = [&](const IndexProgress& progress) {
+            if (progress.phase == "parsing" && progress.done >= 1) cancel = true;
+        };
         return IndexBuilder(options).run();
     }
 
@@ -271,18 +290,7 @@ TEST_F(IndexRobustness, InterruptedRunKeepsTheIndexReadableAndTheNextRunComplete
     index();
     for (int i = 0; i < 40; ++i) write("m" + std::to_string(i) + ".py", "def g" + std::to_string(i) + "\nuse g0\n");
 
-    std::atomic<bool> cancel{false};
-    IndexOptions options;
-    options.repo = root_;
-    options.db = db_;
-    options.jobs = 1;
-    options.use_git = false;
-    options.make_extractor = [] { return line_parser(nullptr); };
-    options.cancel = &cancel;
-    options.on_progress = [&](const IndexProgress& progress) {
-        if (progress.phase == "parsing" && progress.done >= 1) cancel = true;
-    };
-    const IndexStats interrupted = IndexBuilder(options).run();
+    const IndexStats interrupted = index_interrupted();
     EXPECT_TRUE(interrupted.cancelled);
     EXPECT_EQ(query("SELECT count(*) FROM files"), "40");
     EXPECT_EQ(query("SELECT value FROM meta WHERE key = 'derived_stale'"), "1");
@@ -310,11 +318,8 @@ TEST_F(IndexRobustness, ARepositoryThatAnOuterWorkTreeIgnoresIsWalked) {
     std::ofstream(base_ / ".gitignore") << "repo/\n";
     const std::string init = "git -C '" + base_.string() + "' init -q 2>/dev/null";
     if (std::system(init.c_str()) != 0) GTEST_SKIP() << "git is not available";
-    IndexOptions options;
-    options.repo = root_;
-    options.db = db_;
+    IndexOptions options = line_options();
     options.use_git = true;
-    options.make_extractor = [] { return line_parser(nullptr); };
     EXPECT_EQ(IndexBuilder(options).run().files, 1);
     EXPECT_EQ(query("SELECT path FROM files"), "a.py");
 }
@@ -423,18 +428,7 @@ TEST_F(IndexRobustness, IdsOfDeletedRowsAreNeverGivenAgain) {
 
 TEST_F(IndexRobustness, InterruptedFirstBuildIsKeptAndTheNextRunCompletesIt) {
     for (int i = 0; i < 20; ++i) write("m" + std::to_string(i) + ".py", "def f" + std::to_string(i) + "\nuse f0\n");
-    std::atomic<bool> cancel{false};
-    IndexOptions options;
-    options.repo = root_;
-    options.db = db_;
-    options.jobs = 1;
-    options.use_git = false;
-    options.make_extractor = [] { return line_parser(nullptr); };
-    options.cancel = &cancel;
-    options.on_progress = [&](const IndexProgress& progress) {
-        if (progress.phase == "parsing" && progress.done >= 1) cancel = true;
-    };
-    EXPECT_TRUE(IndexBuilder(options).run().cancelled);
+    EXPECT_TRUE(index_interrupted().cancelled);
     EXPECT_EQ(query("SELECT value FROM meta WHERE key = 'derived_stale'"), "1");
     const std::int64_t kept = std::stoll(query("SELECT count(*) FROM files"));
     EXPECT_GE(kept, 1);
@@ -456,23 +450,13 @@ TEST_F(IndexRobustness, InterruptedRebuildLeavesThePreviousIndexWhole) {
     const fs::path abandoned = db_.string() + ".building-" + std::to_string(child);
     std::ofstream(abandoned) << "half an index";
 
-    std::atomic<bool> cancel{false};
-    IndexOptions options;
-    options.repo = root_;
-    options.db = db_;
-    options.rebuild = true;
-    options.use_git = false;
-    options.make_extractor = [] { return line_parser(nullptr); };
-    options.cancel = &cancel;
-    options.on_progress = [&](const IndexProgress& progress) {
-        if (progress.phase == "parsing" && progress.done >= 1) cancel = true;
-    };
-    EXPECT_TRUE(IndexBuilder(options).run().cancelled);
+    EXPECT_TRUE(index_interrupted(/*rebuild=*/true).cancelled);
     EXPECT_EQ(query("SELECT count(*) FROM symbols WHERE name LIKE 'f%'"), "20");
     EXPECT_EQ(query("SELECT value FROM meta WHERE key = 'derived_stale'"), "0");
 
-    options.cancel = nullptr;
-    EXPECT_FALSE(IndexBuilder(options).run().cancelled);
+    IndexOptions rebuild = line_options();
+    rebuild.rebuild = true;
+    EXPECT_FALSE(IndexBuilder(rebuild).run().cancelled);
     EXPECT_EQ(query("SELECT count(*) FROM symbols WHERE name LIKE 'g%'"), "20");
     EXPECT_EQ(query("SELECT count(*) FROM symbols WHERE name LIKE 'f%'"), "0");
     // Nothing of either build is left next to the index.

@@ -22,6 +22,10 @@ bool is_space(char32_t cp);
 std::string_view rstrip(std::string_view utf8);
 std::string_view strip(std::string_view utf8);
 
+// Whether the bytes are well-formed UTF-8 (no overlong forms, surrogates or code points past
+// U+10FFFF).
+bool is_valid_utf8(std::string_view bytes);
+
 // Bytes as UTF-8 text: each maximal ill-formed subsequence becomes one U+FFFD.
 std::string decode_utf8_lenient(std::string_view bytes);
 
