@@ -43,12 +43,7 @@ IndexStore::IndexStore(storage::Database& db)
       update_file_(db, "UPDATE files SET language = ?2, is_test = ?3, is_source = ?4, component_id = ?5, "
                        "content_hash = ?6, size = ?7, mtime_ns = ?8, module_name = ?9, has_syntax_errors = ?10 "
                        "WHERE id = ?1"),
-      insert_symbol_(db, "INSERT INTO symbols(file_id, parent_id, name, fqn, kind, start_line, end_line, signature, "
-                         "docstring, docstring_truncated, is_export, token_count, id) "
-                         "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"),
       set_parent_(db, "UPDATE symbols SET parent_id = ? WHERE id = ?"),
-      insert_ref_(db, "INSERT INTO refs(file_id, caller_id, name, qualifier, usage_type, line, context, id) "
-                      "VALUES (?, ?, ?, ?, ?, ?, ?, ?)"),
       insert_import_(db, "INSERT INTO imports(file_id, module, name, alias, line) VALUES (?, ?, ?, ?, ?)"),
       delete_edges_of_file_(db, "DELETE FROM ref_targets WHERE symbol_id IN (SELECT id FROM symbols WHERE file_id = ?)"),
       delete_symbols_(db, "DELETE FROM symbols WHERE file_id = ?"),
@@ -58,7 +53,10 @@ IndexStore::IndexStore(storage::Database& db)
       update_facts_(db, "UPDATE files SET is_test = ?, is_source = ?, component_id = ? WHERE id = ?"),
       insert_component_(db, "INSERT INTO components(name) VALUES (?)"),
       fts_delete_names_(db, "INSERT INTO symbol_names(symbol_names, rowid, name) "
-                            "SELECT 'delete', id, name FROM symbols WHERE file_id = ? AND id <= ?") {
+                            "SELECT 'delete', id, name FROM symbols WHERE file_id = ? AND id <= ?"),
+      insert_symbols_(db, "INSERT INTO symbols(file_id, parent_id, name, fqn, kind, start_line, end_line, signature, "
+                          "docstring, docstring_truncated, is_export, token_count, id)", 13),
+      insert_refs_(db, "INSERT INTO refs(file_id, caller_id, name, qualifier, usage_type, line, context, id)", 8) {
     Statement components(db_, "SELECT id, name FROM components");
     while (components.step()) components_[components.column_string(1)] = components.column_int64(0);
     last_symbol_id_ = last_id(db_, "symbols", "last_symbol_id");
@@ -133,13 +131,15 @@ std::int64_t IndexStore::write_parsed(ParsedFile& file, std::optional<std::int64
     statement.run();
     file_id = existing_id ? *existing_id : db_.last_insert_rowid();
 
+    // Ids are given out here, so a symbol's parent id is known before either row is written.
     std::vector<std::int64_t> symbol_ids(extraction.symbols.size(), 0);
+    for (auto& id : symbol_ids) id = ++last_symbol_id_;
     std::vector<std::pair<std::int64_t, std::size_t>> late_parents;
-    for (std::size_t i = 0; i < extraction.symbols.size(); ++i) {
+    insert_symbols_.insert(extraction.symbols.size(), [&](storage::RowBinder& row, std::size_t i) {
         const ExtractedSymbol& symbol = extraction.symbols[i];
         std::optional<std::int64_t> parent;
         if (symbol.parent && *symbol.parent < i) parent = symbol_ids[*symbol.parent];
-        insert_symbol_.bind(1, file_id)
+        row.bind(1, file_id)
             .bind(2, parent)
             .bind_static(3, symbol.name)
             .bind_static(4, symbol.fqn)
@@ -151,32 +151,31 @@ std::int64_t IndexStore::write_parsed(ParsedFile& file, std::optional<std::int64
             .bind(10, symbol.docstring_truncated)
             .bind(11, symbol.is_export)
             .bind(12, i < file.token_counts.size() ? file.token_counts[i] : std::int64_t{0})
-            .bind(13, ++last_symbol_id_);
-        insert_symbol_.run();
-        symbol_ids[i] = last_symbol_id_;
+            .bind(13, symbol_ids[i]);
         if (symbol.parent && *symbol.parent >= i && *symbol.parent < extraction.symbols.size() && *symbol.parent != i) {
             late_parents.emplace_back(symbol_ids[i], *symbol.parent);
         }
-    }
+    });
     for (const auto& [id, parent] : late_parents) {
         set_parent_.bind(1, symbol_ids[parent]).bind(2, id);
         set_parent_.run();
     }
 
     const std::int64_t first_ref = last_ref_id_ + 1;
-    for (const ExtractedReference& ref : extraction.references) {
+    insert_refs_.insert(extraction.references.size(), [&](storage::RowBinder& row, std::size_t i) {
+        const ExtractedReference& ref = extraction.references[i];
         std::optional<std::int64_t> caller;
         if (ref.caller && *ref.caller < symbol_ids.size()) caller = symbol_ids[*ref.caller];
-        insert_ref_.bind(1, file_id)
+        row.bind(1, file_id)
             .bind(2, caller)
             .bind_static(3, ref.name)
             .bind_static(4, ref.qualifier)
             .bind_static(5, ref.usage_type)
             .bind(6, ref.line)
             .bind_static(7, ref.context)
-            .bind(8, ++last_ref_id_);
-        insert_ref_.run();
-    }
+            .bind(8, first_ref + static_cast<std::int64_t>(i));
+    });
+    last_ref_id_ += static_cast<std::int64_t>(extraction.references.size());
 
     for (const ExtractedImport& import : extraction.imports) {
         auto write = [&](const std::optional<std::string>& name) {

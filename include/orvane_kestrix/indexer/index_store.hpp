@@ -12,6 +12,7 @@
 
 #include "orvane_kestrix/indexer/extraction.hpp"
 #include "orvane_kestrix/indexer/resolution.hpp"
+#include "orvane_kestrix/storage/multi_row_insert.hpp"
 #include "orvane_kestrix/storage/sqlite_schema.hpp"
 
 namespace orvane_kestrix::indexer {
@@ -100,9 +101,9 @@ private:
     std::int64_t last_symbol_id_ = 0;      // the largest ids given out, new rows are numbered above
     std::int64_t last_ref_id_ = 0;
     std::unordered_map<std::string, std::int64_t> components_;
-    storage::Statement insert_file_, update_file_, insert_symbol_, set_parent_, insert_ref_, insert_import_,
-        delete_edges_of_file_, delete_symbols_, delete_refs_, delete_imports_, update_stat_, update_facts_,
+    storage::Statement insert_file_, update_file_, set_parent_, insert_import_, delete_edges_of_file_, delete_symbols_, delete_refs_, delete_imports_, update_stat_, update_facts_,
         insert_component_, fts_delete_names_;
+    storage::MultiRowInsert insert_symbols_, insert_refs_;
 };
 
 // Language by its stored name.
