@@ -314,7 +314,7 @@ RefreshCounts IndexStore::write_derived(const DerivedData& derived) {
     }
     {
         Statement remove(db_, "DELETE FROM ref_targets WHERE symbol_id = ? AND ref_id = ?");
-        Statement add(db_, "INSERT INTO ref_targets(symbol_id, ref_id) VALUES (?, ?)");
+        std::vector<ReferenceEdge> added;
         std::size_t i = 0;
         std::size_t j = 0;
         while (i < stored.size() || j < derived.edges.size()) {
@@ -324,15 +324,18 @@ RefreshCounts IndexStore::write_derived(const DerivedData& derived) {
                 ++counts.edges_removed;
                 ++i;
             } else if (i == stored.size() || derived.edges[j] < stored[i]) {
-                add.bind(1, derived.edges[j].symbol_id).bind(2, derived.edges[j].reference_id);
-                add.run();
-                ++counts.edges_added;
+                added.push_back(derived.edges[j]);
                 ++j;
             } else {
                 ++i;
                 ++j;
             }
         }
+        storage::MultiRowInsert add(db_, "INSERT INTO ref_targets(symbol_id, ref_id)", 2, 64);
+        add.insert(added.size(), [&](storage::RowBinder& row, std::size_t k) {
+            row.bind(1, added[k].symbol_id).bind(2, added[k].reference_id);
+        });
+        counts.edges_added = static_cast<std::int64_t>(added.size());
     }
 
     // Fan-in: only the symbols whose count changed.
