@@ -514,15 +514,17 @@ void publish_index(Database db, const std::filesystem::path& target) {
     const std::filesystem::path built = db.path();
     db.exec("PRAGMA journal_mode = WAL");
     db.close();
-    // Nothing was synced while the file filled; it reaches the disk before it takes the
-    // place of the old index.
-    const int fd = ::open(built.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0 || ::fsync(fd) != 0) {
-        const int error = errno;
-        if (fd >= 0) ::close(fd);
-        throw std::system_error(error, std::generic_category(), "cannot flush " + built.string());
+    // Nothing was synced while the file filled; when it takes the place of an index, it
+    // reaches the disk first.
+    if (std::filesystem::exists(target)) {
+        const int fd = ::open(built.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0 || ::fsync(fd) != 0) {
+            const int error = errno;
+            if (fd >= 0) ::close(fd);
+            throw std::system_error(error, std::generic_category(), "cannot flush " + built.string());
+        }
+        ::close(fd);
     }
-    ::close(fd);
     std::error_code error;
     for (const char* suffix : {"-wal", "-shm", "-journal"}) {
         std::filesystem::remove(std::filesystem::path(target.string() + suffix), error);

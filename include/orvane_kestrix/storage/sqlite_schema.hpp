@@ -246,10 +246,12 @@ Database open_index(const std::filesystem::path& path, const IndexOpenOptions& o
 // Deletes the database file and its -wal, -shm and -journal companions, if present.
 void remove_index_files(const std::filesystem::path& path);
 
-// Turns an index opened `unpublished` into an ordinary one (WAL, flushed to disk), closes it
-// and renames it over `target` in one step: readers see the old index or the new one, never a
-// part. The target's own -wal and -shm companions go first, so they are never applied to the
-// new file.
+// Turns an index opened `unpublished` into an ordinary one (WAL), closes it and renames it
+// over `target` in one step: readers see the old index or the new one, never a part. The target's
+// own -wal and -shm companions go first, so they are never applied to the new file. When it
+// replaces an index, the new file is flushed to disk first, so a crash cannot trade a good
+// index for a torn one; a first index is not (a crash costs at most a rebuild, as with any
+// file written without a sync, and the flush is a tenth of a second on a large repository).
 void publish_index(Database db, const std::filesystem::path& target);
 
 // Where an index for `target` is built before publish_index(): next to it, named after it and
