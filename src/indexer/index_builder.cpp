@@ -20,13 +20,13 @@
 #include <xxhash.h>
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include "orvane_kestrix/indexer/file_classification.hpp"
 #include "orvane_kestrix/indexer/file_walker.hpp"
 #include "orvane_kestrix/indexer/index_store.hpp"
 #include "orvane_kestrix/indexer/resolution.hpp"
 #include "orvane_kestrix/storage/sqlite_schema.hpp"
+#include "orvane_kestrix/text/json_string.hpp"
 #include "orvane_kestrix/text/unicode.hpp"
 #include "orvane_kestrix/workers/context_builder/token_estimate.hpp"
 
@@ -69,16 +69,29 @@ std::string content_hash(std::string_view bytes) {
     return fmt::format("{:016x}{:016x}", hash.high64, hash.low64);
 }
 
-// The estimated tokens of a symbol's pack row without docstring and snippet.
+// The estimated tokens of a symbol's pack row without docstring and snippet, written as the
+// JSON writer prints it compactly (the strings are valid UTF-8 by now).
 std::int64_t row_tokens(const ExtractedSymbol& symbol, const std::string& path) {
-    nlohmann::ordered_json row;
-    row["fqn"] = symbol.fqn;
-    row["name"] = symbol.name;
-    row["kind"] = symbol.kind;
-    row["file"] = path;
-    row["line"] = symbol.start_line;
-    row["signature"] = symbol.signature ? nlohmann::ordered_json(*symbol.signature) : nlohmann::ordered_json(nullptr);
-    return estimate_tokens(row.dump());
+    std::string row;
+    row.reserve(64 + symbol.fqn.size() + symbol.name.size() + path.size() + (symbol.signature ? symbol.signature->size() : 0));
+    row += "{\"fqn\":";
+    text::append_json_string(row, symbol.fqn);
+    row += ",\"name\":";
+    text::append_json_string(row, symbol.name);
+    row += ",\"kind\":";
+    text::append_json_string(row, symbol.kind);
+    row += ",\"file\":";
+    text::append_json_string(row, path);
+    row += ",\"line\":";
+    row += std::to_string(symbol.start_line);
+    row += ",\"signature\":";
+    if (symbol.signature) {
+        text::append_json_string(row, *symbol.signature);
+    } else {
+        row += "null";
+    }
+    row += '}';
+    return estimate_tokens(row);
 }
 
 enum class ReadStatus { ok, missing, unreadable, too_large, special };

@@ -4,6 +4,8 @@
 #include <unicode/casemap.h>
 #include <unicode/utf8.h>
 
+#include <cstdint>
+#include <cstring>
 #include <stdexcept>
 
 namespace orvane_kestrix::text {
@@ -90,6 +92,13 @@ bool is_valid_utf8(std::string_view s) {
     std::size_t i = 0;
     const std::size_t n = s.size();
     while (i < n) {
+        // Source text is mostly ASCII: skip it eight bytes at a time.
+        constexpr std::uint64_t kHighBits = 0x8080808080808080ULL;
+        std::uint64_t word = 0;
+        while (i + sizeof word <= n && (std::memcpy(&word, s.data() + i, sizeof word), (word & kHighBits) == 0)) {
+            i += sizeof word;
+        }
+        if (i == n) break;
         auto c = static_cast<unsigned char>(s[i]);
         if (c < 0x80) {
             ++i;

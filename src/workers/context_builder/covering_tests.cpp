@@ -6,12 +6,12 @@
 #include <spdlog/spdlog.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <exception>
 #include <string_view>
 #include <unordered_set>
 
 #include "orvane_kestrix/logging.hpp"
+#include "orvane_kestrix/text/json_string.hpp"
 #include "orvane_kestrix/text/unicode.hpp"
 #include "orvane_kestrix/workers/context_builder/constants.hpp"
 #include "orvane_kestrix/workers/context_builder/context_builder.hpp"
@@ -37,38 +37,12 @@ std::size_t head_length(std::size_t size, std::int64_t n) {
     return drop >= size ? 0 : size - drop;
 }
 
-// A JSON string literal: quotation mark, reverse solidus and control characters escaped,
-// everything else (non-ASCII included) written as itself.
-void append_json_string(std::string& out, std::string_view value) {
-    out += '"';
-    for (char c : value) {
-        switch (c) {
-            case '"': out += "\\\""; break;
-            case '\\': out += "\\\\"; break;
-            case '\b': out += "\\b"; break;
-            case '\f': out += "\\f"; break;
-            case '\n': out += "\\n"; break;
-            case '\r': out += "\\r"; break;
-            case '\t': out += "\\t"; break;
-            default:
-                if (static_cast<unsigned char>(c) < 0x20) {
-                    char escape[8];
-                    std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(static_cast<unsigned char>(c)));
-                    out += escape;
-                } else {
-                    out += c;
-                }
-        }
-    }
-    out += '"';
-}
-
 // The row as the caller will see it written: {"file": "...", "for": "..."}.
 std::string test_row_text(const TestRow& row) {
     std::string out = "{\"file\": ";
-    append_json_string(out, row.file);
+    text::append_json_string(out, row.file);
     out += ", \"for\": ";
-    append_json_string(out, row.for_source);
+    text::append_json_string(out, row.for_source);
     out += '}';
     return out;
 }
