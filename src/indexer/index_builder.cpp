@@ -605,7 +605,7 @@ IndexStats IndexBuilder::run() {
                 lap("load");
                 const DerivedData derived = derive_index_data(snapshot);
                 lap("resolve");
-                store.write_derived(derived);
+                store.write_derived(derived, snapshot);
 
                 storage::write_meta(db, "derived_stale", "0");
                 storage::write_meta(db, "packages", package_text);

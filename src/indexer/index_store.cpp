@@ -289,9 +289,9 @@ void IndexStore::load_snapshot(IndexSnapshot& snapshot, const std::unordered_set
         snapshot.symbols.reserve(static_cast<std::size_t>(count_symbols()));
         snapshot.references.reserve(static_cast<std::size_t>(count_references()));
     }
-    read("file_id, id, name, fqn, kind", "symbols", [&](Statement& row) {
-        snapshot.symbols.push_back(
-            {row.column_int64(1), row.column_int64(0), row.column_string(2), row.column_string(3), row.column_string(4)});
+    read("file_id, id, name, fqn, kind, production_fan_in", "symbols", [&](Statement& row) {
+        snapshot.symbols.push_back({row.column_int64(1), row.column_int64(0), row.column_string(2), row.column_string(3),
+                                    row.column_string(4), row.column_int64(5)});
     });
     read("file_id, module, name, alias", "imports", [&](Statement& row) {
         snapshot.imports.push_back(
@@ -303,7 +303,7 @@ void IndexStore::load_snapshot(IndexSnapshot& snapshot, const std::unordered_set
     });
 }
 
-RefreshCounts IndexStore::write_derived(const DerivedData& derived) {
+RefreshCounts IndexStore::write_derived(const DerivedData& derived, const IndexSnapshot& snapshot) {
     RefreshCounts counts;
 
     // Reference edges: both sides sorted by (symbol, reference), so one merge gives the change.
@@ -341,12 +341,10 @@ RefreshCounts IndexStore::write_derived(const DerivedData& derived) {
     // Fan-in: only the symbols whose count changed.
     {
         std::vector<std::pair<std::int64_t, std::int64_t>> changes;
-        Statement statement(db_, "SELECT id, production_fan_in FROM symbols");
-        while (statement.step()) {
-            const std::int64_t id = statement.column_int64(0);
-            const auto it = derived.fan_in.find(id);
+        for (const auto& symbol : snapshot.symbols) {
+            const auto it = derived.fan_in.find(symbol.id);
             const std::int64_t fan_in = it == derived.fan_in.end() ? 0 : it->second;
-            if (fan_in != statement.column_int64(1)) changes.emplace_back(id, fan_in);
+            if (fan_in != symbol.stored_fan_in) changes.emplace_back(symbol.id, fan_in);
         }
         Statement update(db_, "UPDATE symbols SET production_fan_in = ? WHERE id = ?");
         for (const auto& [id, fan_in] : changes) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <exception>
 #include <map>
 #include <regex>
 #include <set>
@@ -209,13 +210,31 @@ public:
     explicit Resolver(const IndexSnapshot& snapshot) : s_(snapshot) {
         set_packages(s_.packages);
         build_file_indexes();
-        build_symbol_indexes();
-        std::vector<std::vector<const SnapshotImport*>> imports_of_file(s_.files.size());
-        for (const auto& import : s_.imports) {
-            if (auto it = file_index_.find(import.file_id); it != file_index_.end()) imports_of_file[it->second].push_back(&import);
+        // The symbol lookups and the imports (which need only the files) are built side by side.
+        std::exception_ptr error;
+        std::thread by_file([&] {
+            try {
+                build_symbols_by_file();
+            } catch (...) {
+                error = std::current_exception();
+            }
+        });
+        try {
+            std::vector<std::vector<const SnapshotImport*>> imports_of_file(s_.files.size());
+            for (const auto& import : s_.imports) {
+                if (auto it = file_index_.find(import.file_id); it != file_index_.end()) {
+                    imports_of_file[it->second].push_back(&import);
+                }
+            }
+            imports_.reserve(s_.files.size());
+            for (Index file = 0; file < s_.files.size(); ++file) imports_.push_back(resolve_imports(file, imports_of_file[file]));
+            build_symbols_by_name();
+        } catch (...) {
+            by_file.join();
+            throw;
         }
-        imports_.reserve(s_.files.size());
-        for (Index file = 0; file < s_.files.size(); ++file) imports_.push_back(resolve_imports(file, imports_of_file[file]));
+        by_file.join();
+        if (error) std::rethrow_exception(error);
     }
 
     std::vector<std::int64_t> resolve(const SnapshotReference& ref, QualifierCache& qualifiers) const {
@@ -394,16 +413,29 @@ private:
         }
     }
 
-    void build_symbol_indexes() {
+    // The file index of a symbol the lookups hold (named, in a source file), or nullopt.
+    std::optional<Index> indexed_file_of(const SnapshotSymbol& symbol) const {
+        const auto it = file_index_.find(symbol.file_id);
+        if (it == file_index_.end() || !s_.files[it->second].is_source || symbol.name.empty()) return std::nullopt;
+        return it->second;
+    }
+
+    void build_symbols_by_file() {
         symbol_file_.assign(s_.symbols.size(), static_cast<Index>(-1));
         for (Index i = 0; i < s_.symbols.size(); ++i) {
-            const auto& symbol = s_.symbols[i];
-            const auto it = file_index_.find(symbol.file_id);
-            if (it == file_index_.end() || !s_.files[it->second].is_source || symbol.name.empty()) continue;
-            by_file_name_[{it->second, symbol.name}].push_back(i);
-            by_name_[symbol.name].push_back(i);
-            symbol_file_[i] = it->second;
-            by_family_name_[{language_family(s_.files[it->second].language), symbol.name}].push_back(i);
+            const auto file = indexed_file_of(s_.symbols[i]);
+            if (!file) continue;
+            by_file_name_[{*file, s_.symbols[i].name}].push_back(i);
+            symbol_file_[i] = *file;
+        }
+    }
+
+    void build_symbols_by_name() {
+        for (Index i = 0; i < s_.symbols.size(); ++i) {
+            const auto file = indexed_file_of(s_.symbols[i]);
+            if (!file) continue;
+            by_name_[s_.symbols[i].name].push_back(i);
+            by_family_name_[{language_family(s_.files[*file].language), s_.symbols[i].name}].push_back(i);
         }
     }
 
@@ -713,7 +745,8 @@ DerivedData derive_index_data(const IndexSnapshot& snapshot) {
     for (const auto& symbol : snapshot.symbols) symbol_file[symbol.id] = symbol.file_id;
 
     // The references are resolved in contiguous slices on all cores (one qualifier cache per
-    // slice; references of a file are mostly adjacent), then the slices' results are merged.
+    // slice; references of a file are mostly adjacent); each slice sorts its edges, then the
+    // slices' results are merged.
     struct Slice {
         std::vector<ReferenceEdge> edges;
         std::unordered_map<std::int64_t, std::int64_t> fan_in;
@@ -741,6 +774,7 @@ DerivedData derive_index_data(const IndexSnapshot& snapshot) {
                 }
             }
         }
+        std::sort(out.edges.begin(), out.edges.end());
     };
     {
         std::vector<std::thread> threads;
@@ -758,13 +792,14 @@ DerivedData derive_index_data(const IndexSnapshot& snapshot) {
     data.fan_in = std::move(results[0].fan_in);
     data.edges = std::move(results[0].edges);
     for (std::size_t k = 1; k < slices; ++k) {
+        const auto middle = static_cast<std::ptrdiff_t>(data.edges.size());
         data.edges.insert(data.edges.end(), results[k].edges.begin(), results[k].edges.end());
+        std::inplace_merge(data.edges.begin(), data.edges.begin() + middle, data.edges.end());
         for (const auto& [symbol, count] : results[k].fan_in) data.fan_in[symbol] += count;
         for (auto& [test, sources] : results[k].used) {
             for (auto& [source, symbols] : sources) used[test][source].merge(symbols);
         }
     }
-    std::sort(data.edges.begin(), data.edges.end());
     data.edges.erase(std::unique(data.edges.begin(), data.edges.end()), data.edges.end());
 
     // Source files by their name without extension, for tests named after them.

@@ -85,8 +85,9 @@ public:
     // The same into `into`: its files are replaced, the rows read are appended.
     void load_snapshot(IndexSnapshot& into, const std::unordered_set<std::int64_t>& known);
     // Makes the stored references, fan-in and covering tests those of `derived`, writing only
-    // what differs.
-    RefreshCounts write_derived(const DerivedData& derived);
+    // what differs. `snapshot` is the one `derived` was computed from: all symbols, with the
+    // fan-in each has in the index.
+    RefreshCounts write_derived(const DerivedData& derived, const IndexSnapshot& snapshot);
 
     std::int64_t count_files();
     std::int64_t count_symbols();

@@ -29,6 +29,7 @@ struct SnapshotSymbol {
     std::string name;
     std::string fqn;
     std::string kind;
+    std::int64_t stored_fan_in = 0;  // production fan-in as the index holds it (0 when just written)
 };
 
 struct SnapshotImport {
