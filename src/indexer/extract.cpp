@@ -1,6 +1,7 @@
-// The extractor: parses a file with its language's grammar, runs the language's query once,
-// and turns the captures into symbols (qualified names, kinds, exports, lines, signatures,
-// docstrings), references (with their callers) and imports.
+// The extractor: parses a file with its language's grammar, finds the captures with the
+// language's walker (or, without one, its query), and turns them into symbols (qualified
+// names, kinds, exports, lines, signatures, docstrings), references (with their callers) and
+// imports.
 
 #include <algorithm>
 #include <chrono>
@@ -112,26 +113,34 @@ std::string qualifier_of(std::string_view text, const RawRef& ref) {
 
 class Engine {
 public:
-    Engine(Context& ctx, const CompiledQuery& query, const LanguageRules& rules, TSQueryCursor* cursor)
-        : ctx_(ctx), query_(query), rules_(rules), cursor_(cursor) {}
+    Engine(Context& ctx, const LanguageRules& rules, TSQueryCursor* cursor) : ctx_(ctx), rules_(rules), cursor_(cursor) {}
 
     void run(TSNode root) {
         collect(root);
-        rules_.prepare(ctx_, captured_);
+        rules_.prepare(ctx_, captures_.defs);
         ctx_.module_name = rules_.module_name(ctx_);
         ctx_.out.module_name = ctx_.module_name;
         build_definitions();
-        for (TSNode node : import_nodes_) rules_.imports(ctx_, node, refs_);
+        for (TSNode node : captures_.imports) rules_.imports(ctx_, node, captures_.refs);
         emit_symbols();
         emit_references();
     }
 
 private:
     void collect(TSNode root) {
-        ts_query_cursor_exec(cursor_, query_.query, root);
+        if (!ctx_.options.use_walkers || !rules_.walk(ctx_, root, captures_)) collect_by_query(root);
+        // Comments arrive in document order per pattern, but keep them sorted for lookups.
+        std::sort(captures_.comments.begin(), captures_.comments.end(), [](TSNode a, TSNode b) {
+            return ts_node_start_byte(a) < ts_node_start_byte(b);
+        });
+    }
+
+    void collect_by_query(TSNode root) {
+        const CompiledQuery& query = compiled_query(ctx_.language);
+        ts_query_cursor_exec(cursor_, query.query, root);
         TSQueryMatch match;
         while (ts_query_cursor_next_match(cursor_, &match)) {
-            if (!query_.predicates[match.pattern_index].empty() && !predicates_hold(query_, match, ctx_.text)) {
+            if (!query.predicates[match.pattern_index].empty() && !predicates_hold(query, match, ctx_.text)) {
                 continue;
             }
             TSNode name{}, callee{}, def{}, ref{}, scope{}, scope_name{};
@@ -139,7 +148,7 @@ private:
             bool anonymous_scope = false;
             for (std::uint16_t i = 0; i < match.capture_count; ++i) {
                 const TSQueryCapture& capture = match.captures[i];
-                const CaptureInfo& info = query_.captures[capture.index];
+                const CaptureInfo& info = query.captures[capture.index];
                 switch (info.role) {
                     case Role::ignore: break;
                     case Role::name: name = capture.node; break;
@@ -152,8 +161,8 @@ private:
                         ref = capture.node;
                         ref_info = info;
                         break;
-                    case Role::import: import_nodes_.push_back(capture.node); break;
-                    case Role::comment: comments_.push_back(capture.node); break;
+                    case Role::import: captures_.imports.push_back(capture.node); break;
+                    case Role::comment: captures_.comments.push_back(capture.node); break;
                     case Role::package: ctx_.package = node_text(ctx_.text, capture.node); break;
                     case Role::scope_impl: scope = capture.node; break;
                     case Role::scope_name: scope_name = capture.node; break;
@@ -162,8 +171,8 @@ private:
                         anonymous_scope = true;
                         break;
                     case Role::export_name: ctx_.export_names.push_back(node_text(ctx_.text, capture.node)); break;
-                    case Role::tokens: rules_.token_references(ctx_, capture.node, refs_); break;
-                    case Role::not_use: not_uses_.push_back(ts_node_start_byte(capture.node)); break;
+                    case Role::tokens: rules_.token_references(ctx_, capture.node, captures_.refs); break;
+                    case Role::not_use: captures_.not_uses.push_back(ts_node_start_byte(capture.node)); break;
                 }
             }
             if (!ts_node_is_null(def)) {
@@ -173,7 +182,7 @@ private:
                 d.name_node = name;
                 d.kind = def_info.kind;
                 d.hoisted = def_info.hoisted;
-                captured_.push_back(std::move(d));
+                captures_.defs.push_back(std::move(d));
             }
             if (!ts_node_is_null(ref)) {
                 RawRef r;
@@ -181,7 +190,7 @@ private:
                 r.name_node = name;
                 r.callee = callee;
                 r.usage = ref_info.usage;
-                refs_.push_back(std::move(r));
+                captures_.refs.push_back(std::move(r));
             }
             if (!ts_node_is_null(scope)) {
                 RawDef frame;
@@ -190,19 +199,15 @@ private:
                 frame.kind = Kind::frame;
                 frame.internal = anonymous_scope;
                 frame.name_node = scope_name;
-                captured_.push_back(std::move(frame));
+                captures_.defs.push_back(std::move(frame));
             }
         }
-        // Comments arrive in document order per pattern, but keep them sorted for lookups.
-        std::sort(comments_.begin(), comments_.end(), [](TSNode a, TSNode b) {
-            return ts_node_start_byte(a) < ts_node_start_byte(b);
-        });
     }
 
     void build_definitions() {
         std::vector<RawDef> defs;
-        defs.reserve(captured_.size());
-        for (auto& raw : captured_) {
+        defs.reserve(captures_.defs.size());
+        for (auto& raw : captures_.defs) {
             if (raw.kind == Kind::frame) {
                 raw.start_byte = ts_node_start_byte(raw.node);
                 raw.end_byte = ts_node_end_byte(raw.node);
@@ -213,7 +218,7 @@ private:
             raw.end_byte = ts_node_end_byte(raw.node);
             rules_.definitions(ctx_, std::move(raw), defs);
         }
-        captured_.clear();
+        captures_.defs.clear();
 
         std::stable_sort(defs.begin(), defs.end(), [](const RawDef& a, const RawDef& b) {
             if (a.start_byte != b.start_byte) return a.start_byte < b.start_byte;
@@ -362,7 +367,7 @@ private:
             s.is_export = d.exported;
             s.signature = rules_.signature(ctx_, d);
             if (s.signature && s.signature->empty()) s.signature.reset();
-            std::optional<std::string> doc = rules_.docstring(ctx_, d, comments_);
+            std::optional<std::string> doc = rules_.docstring(ctx_, d, captures_.comments);
             if (doc && !doc->empty()) {
                 if (doc->size() > ctx_.options.docstring_limit) {
                     doc->resize(utf8_prefix(*doc, ctx_.options.docstring_limit).size());
@@ -408,12 +413,12 @@ private:
         for (const auto& d : defs_) {
             if (!ts_node_is_null(d.name_node)) definition_names.push_back(ts_node_start_byte(d.name_node));
         }
-        definition_names.insert(definition_names.end(), not_uses_.begin(), not_uses_.end());
+        definition_names.insert(definition_names.end(), captures_.not_uses.begin(), captures_.not_uses.end());
         std::sort(definition_names.begin(), definition_names.end());
 
         std::vector<RawRef> kept;
-        kept.reserve(refs_.size());
-        for (auto& r : refs_) {
+        kept.reserve(captures_.refs.size());
+        for (auto& r : captures_.refs) {
             if (!r.name && !rules_.complete_reference(ctx_, r)) continue;
             if (!r.name && ts_node_is_null(r.name_node)) continue;
             if (!ts_node_is_null(r.name_node) && r.usage != Usage::import &&
@@ -465,14 +470,9 @@ private:
     }
 
     Context& ctx_;
-    const CompiledQuery& query_;
     const LanguageRules& rules_;
     TSQueryCursor* cursor_;
-    std::vector<RawDef> captured_;
-    std::vector<RawRef> refs_;
-    std::vector<TSNode> comments_;
-    std::vector<TSNode> import_nodes_;
-    std::vector<std::uint32_t> not_uses_;
+    Captures captures_;
     std::vector<RawDef> defs_;
     std::vector<std::optional<std::size_t>> container_;
     std::vector<std::optional<std::size_t>> output_index_;
@@ -559,8 +559,7 @@ FileExtraction Extractor::extract(Language language, std::string_view path, std:
         return out;
     }
 
-    const CompiledQuery& query = compiled_query(language);
-    if (!ts_parser_set_language(impl_->parser, query.language)) {
+    if (!ts_parser_set_language(impl_->parser, grammar(language))) {
         out.has_syntax_errors = true;
         return out;
     }
@@ -583,7 +582,7 @@ FileExtraction Extractor::extract(Language language, std::string_view path, std:
 
     LineIndex lines(text);
     Context ctx{language, path, text, lines, impl_->options, out, {}, {}, false, {}, false};
-    Engine engine(ctx, query, rules_for(language), impl_->cursor);
+    Engine engine(ctx, rules_for(language), impl_->cursor);
     engine.run(root);
     return out;
 }

@@ -178,21 +178,6 @@ std::string query_text(Language language) {
     return text;
 }
 
-const TSLanguage* grammar(Language language) {
-    switch (language) {
-        case Language::python: return tree_sitter_python();
-        case Language::javascript: return tree_sitter_javascript();
-        case Language::typescript: return tree_sitter_typescript();
-        case Language::tsx: return tree_sitter_tsx();
-        case Language::go: return tree_sitter_go();
-        case Language::rust: return tree_sitter_rust();
-        case Language::java: return tree_sitter_java();
-        case Language::c: return tree_sitter_c();
-        case Language::cpp: return tree_sitter_cpp();
-        default: return nullptr;
-    }
-}
-
 // Owns a compiled query for the life of the process.
 struct QueryHolder {
     CompiledQuery compiled;
@@ -245,6 +230,21 @@ std::string_view capture_text(const TSQueryMatch& match, std::uint32_t capture, 
 }
 
 }  // namespace
+
+const TSLanguage* grammar(Language language) {
+    switch (language) {
+        case Language::python: return tree_sitter_python();
+        case Language::javascript: return tree_sitter_javascript();
+        case Language::typescript: return tree_sitter_typescript();
+        case Language::tsx: return tree_sitter_tsx();
+        case Language::go: return tree_sitter_go();
+        case Language::rust: return tree_sitter_rust();
+        case Language::java: return tree_sitter_java();
+        case Language::c: return tree_sitter_c();
+        case Language::cpp: return tree_sitter_cpp();
+        default: return nullptr;
+    }
+}
 
 const CompiledQuery& compiled_query(Language language) {
     // Function-local statics: initialised once, thread-safely, on first use.

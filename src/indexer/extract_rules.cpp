@@ -58,6 +58,8 @@ std::string_view usage_name(Usage usage) {
 // ---------------------------------------------------------------------------------------------
 // Default rules
 
+bool LanguageRules::walk(const Context&, TSNode, Captures&) const { return false; }
+
 void LanguageRules::prepare(Context&, const std::vector<RawDef>&) const {}
 
 void LanguageRules::definitions(Context& ctx, RawDef def, std::vector<RawDef>& out) const {

@@ -183,6 +183,56 @@ TEST(ExtractionGolden, ExtractorsOnTwoThreadsAgree) {
     EXPECT_EQ(a, b);
 }
 
+// A language's walker must find what its query finds: every file of the language in the sample
+// repository, and snippets aimed at each pattern's edges, broken code included.
+TEST(ExtractionWalkers, WalkersMatchTheQueries) {
+    struct Input {
+        std::string path;
+        std::string source;
+    };
+    std::vector<Input> inputs = {
+        {"decorators.py", "@a\n@b.c\n@d(1)\n@e.f(2)\n@g[0]\ndef h(): pass\n"},
+        {"bases.py", "class A(B, c.D, e.f.G, metaclass=M, *rest, **kw): pass\nclass E(F()): pass\nclass G: pass\n"},
+        {"fields.py", "class A:\n    x = 1\n    y: int = 2\n    a, b = 1, 2\n    p = q = 3\n    class B:\n        z = 4\n"
+                      "    def m(self):\n        local = 5\n"},
+        {"instance.py", "class A:\n    def __init__(self, v):\n        self.v = v\n        other.w = 1\n"
+                        "        self.x.y = 2\n        self.v = 3\n        self.t: int = 4\n        if v:\n"
+                        "            self.hidden = 5\n    def reset(self):\n        self.q = 0\n"
+                        "class B:\n    def __init__(me: 'B'):\n        me.v = 1\n"
+                        "class C:\n    def __init__(this, /):\n        this.w = 2\n"
+                        "class D:\n    def __init__(  # why\n            self):\n        self.u = 1\n"
+                        "def __init__(s):\n    s.free = 1\n"},
+        {"types.py", "def f(a: int, b: x.Y, c: List[int], d: dict[str, m.T], e: 'S' = None) -> Optional[q.R]: pass\n"
+                     "v: Final[int] = 1\nw: a.b.C\n"},
+        {"module.py", "X = 1\ny = z = 2\n(a) = 3\nb += 4\nif c:\n    w = 1\nfor i in r: pass\n"
+                      "__all__ = ['X']\n"},
+        {"calls.py", "f()\na.b()\na.b.c(d(e))\n(g)()\nh[0]()\nx = lambda: k()\nprint(*args, **kw)\n"},
+        {"imports.py", "import a, b.c as d\nfrom .e import f, g as h\nfrom i import *\n# a comment\n"
+                       "def j():\n    import k\n    # inner\n    return k.l()\n"},
+        {"broken.py", "def f(:\n    call(\nclass (x.y):\n  self.z =\n@\ndef g(a: ) -> : pass\nclass H(I,:\n"},
+        {"nested.py", "def outer():\n    def inner():\n        class Local(Base):\n            attr = 1\n"
+                      "            def __init__(self):\n                self.x = helper()\n        return Local\n"
+                      "    return inner\n"},
+    };
+    for (const auto& rel : sample_files()) {
+        const std::string path = rel.generic_string();
+        if (language_for_path(path) == Language::python) inputs.push_back({path, read_file(kSampleRepo / rel)});
+    }
+    ExtractorOptions query_options;
+    query_options.use_walkers = false;
+    Extractor walked;
+    Extractor queried(query_options);
+    for (const auto& input : inputs) {
+        SCOPED_TRACE(input.path);
+        const Language language = *language_for_path(input.path);
+        const FileExtraction a = walked.extract(language, input.path, input.source);
+        const FileExtraction b = queried.extract(language, input.path, input.source);
+        EXPECT_EQ(render(a), render(b));
+        ASSERT_EQ(a.references.size(), b.references.size());
+        for (std::size_t i = 0; i < a.references.size(); ++i) EXPECT_EQ(a.references[i].context, b.references[i].context);
+    }
+}
+
 // ---------------------------------------------------------------------------------------------
 
 TEST(Languages, ByExtension) {

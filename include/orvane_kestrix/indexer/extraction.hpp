@@ -73,6 +73,9 @@ struct FileExtraction {
 
 struct ExtractorOptions {
     std::size_t docstring_limit = 4000;  // bytes; longer docstrings are cut and flagged
+    // Languages with a hand-written tree walker use it (faster); false runs every language's
+    // tree-sitter query, the reference the walkers are checked against.
+    bool use_walkers = true;
 };
 
 // Module names (the prefix of fqns) by language: Python, the path without ".py" with "/" as

@@ -3,6 +3,8 @@
 ; @reference.<usage> on the use with @name on the used identifier; @callee on the whole
 ; callee expression when the qualifier is what precedes @name in it; @import on import
 ; statements; @comment on comments (doc comments are found by position).
+; The indexer finds these captures with a tree walk (language_python.cpp), which is faster than
+; the query engine; a change here needs the same change there (the extraction tests compare them).
 
 (class_definition
   name: (identifier) @name) @definition.class
