@@ -223,11 +223,10 @@ class LanguageRules {
 public:
     virtual ~LanguageRules() = default;
 
-    // Finds the captures with a walk of the tree instead of the language's query, and returns
-    // true; false when the language has no walker. A walker finds exactly what the query finds
-    // (the tests compare them) at about a third of the cost: the query engine's traversal is
-    // as expensive as everything else extraction does.
-    virtual bool walk(const Context& ctx, TSNode root, Captures& out) const;
+    // Finds the captures with a walk of the tree (tree_walker.hpp) instead of the language's
+    // query, and returns true; false when the language has no walker. Like the query path, it
+    // may set file-level facts in `ctx` (export clauses).
+    virtual bool walk(Context& ctx, TSNode root, Captures& out) const;
     // Before the definitions are built: file-level facts (package, __all__, export clauses).
     virtual void prepare(Context& ctx, const std::vector<RawDef>& defs) const;
     // Completes one captured definition (name, kind, outer node, scope, own export rule), or

@@ -58,7 +58,7 @@ std::string_view usage_name(Usage usage) {
 // ---------------------------------------------------------------------------------------------
 // Default rules
 
-bool LanguageRules::walk(const Context&, TSNode, Captures&) const { return false; }
+bool LanguageRules::walk(Context&, TSNode, Captures&) const { return false; }
 
 void LanguageRules::prepare(Context&, const std::vector<RawDef>&) const {}
 

@@ -1,12 +1,12 @@
 // Python: module names from paths, __all__ and underscore exports, body docstrings, imports.
 
 #include <algorithm>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "extract_internal.hpp"
+#include "tree_walker.hpp"
 
 namespace orvane_kestrix::indexer::detail {
 
@@ -37,103 +37,41 @@ struct PythonGrammar {
     TSFieldId name, left, body, superclasses, parameters_field, object, attribute_field, function;
 
     PythonGrammar() {
-        const TSLanguage* language = grammar(Language::python);
-        auto symbol = [&](std::string_view type) {
-            const TSSymbol id = ts_language_symbol_for_name(language, type.data(), static_cast<std::uint32_t>(type.size()), true);
-            if (id == 0) throw std::logic_error("python grammar has no node type " + std::string(type));
-            return id;
-        };
-        auto field = [&](std::string_view field_name) {
-            const TSFieldId id = ts_language_field_id_for_name(language, field_name.data(), static_cast<std::uint32_t>(field_name.size()));
-            if (id == 0) throw std::logic_error("python grammar has no field " + std::string(field_name));
-            return id;
-        };
-        module = symbol("module");
-        expression_statement = symbol("expression_statement");
-        assignment = symbol("assignment");
-        class_definition = symbol("class_definition");
-        function_definition = symbol("function_definition");
-        block = symbol("block");
-        parameters = symbol("parameters");
-        argument_list = symbol("argument_list");
-        identifier = symbol("identifier");
-        attribute = symbol("attribute");
-        call = symbol("call");
-        decorator = symbol("decorator");
-        type = symbol("type");
-        generic_type = symbol("generic_type");
-        import_statement = symbol("import_statement");
-        import_from_statement = symbol("import_from_statement");
-        comment = symbol("comment");
-        name = field("name");
-        left = field("left");
-        body = field("body");
-        superclasses = field("superclasses");
-        parameters_field = field("parameters");
-        object = field("object");
-        attribute_field = field("attribute");
-        function = field("function");
+        const TSLanguage* g = grammar(Language::python);
+        module = grammar_symbol(g, "module");
+        expression_statement = grammar_symbol(g, "expression_statement");
+        assignment = grammar_symbol(g, "assignment");
+        class_definition = grammar_symbol(g, "class_definition");
+        function_definition = grammar_symbol(g, "function_definition");
+        block = grammar_symbol(g, "block");
+        parameters = grammar_symbol(g, "parameters");
+        argument_list = grammar_symbol(g, "argument_list");
+        identifier = grammar_symbol(g, "identifier");
+        attribute = grammar_symbol(g, "attribute");
+        call = grammar_symbol(g, "call");
+        decorator = grammar_symbol(g, "decorator");
+        type = grammar_symbol(g, "type");
+        generic_type = grammar_symbol(g, "generic_type");
+        import_statement = grammar_symbol(g, "import_statement");
+        import_from_statement = grammar_symbol(g, "import_from_statement");
+        comment = grammar_symbol(g, "comment");
+        name = grammar_field(g, "name");
+        left = grammar_field(g, "left");
+        body = grammar_field(g, "body");
+        superclasses = grammar_field(g, "superclasses");
+        parameters_field = grammar_field(g, "parameters");
+        object = grammar_field(g, "object");
+        attribute_field = grammar_field(g, "attribute");
+        function = grammar_field(g, "function");
     }
 };
 
-// Finds what queries/python.scm captures, pattern by pattern, in one walk of the tree.
-class PythonWalker {
+// Finds what queries/python.scm captures, pattern by pattern.
+class PythonWalker final : public TreeWalker {
 public:
-    PythonWalker(const PythonGrammar& g, std::string_view text, Captures& out) : g_(g), text_(text), out_(out) {}
-
-    void walk(TSNode root) {
-        TSTreeCursor cursor = ts_tree_cursor_new(root);
-        children_ = ts_tree_cursor_new(root);
-        for (;;) {
-            visit(ts_tree_cursor_current_node(&cursor));
-            if (ts_tree_cursor_goto_first_child(&cursor)) continue;
-            while (!ts_tree_cursor_goto_next_sibling(&cursor)) {
-                if (!ts_tree_cursor_goto_parent(&cursor)) {
-                    ts_tree_cursor_delete(&children_);
-                    ts_tree_cursor_delete(&cursor);
-                    return;
-                }
-            }
-        }
-    }
+    PythonWalker(const PythonGrammar& g, Context& ctx, Captures& out) : TreeWalker(ctx, out), g_(g) {}
 
 private:
-    bool is(TSNode node, TSSymbol symbol) const { return !ts_node_is_null(node) && ts_node_symbol(node) == symbol; }
-
-    // Calls `f` for each direct child of `node` of type `symbol`. Collected first: `f` may
-    // iterate children itself.
-    template <class F>
-    void each_child(TSNode node, TSSymbol symbol, F&& f) {
-        std::vector<TSNode> found;
-        ts_tree_cursor_reset(&children_, node);
-        if (ts_tree_cursor_goto_first_child(&children_)) {
-            do {
-                TSNode child = ts_tree_cursor_current_node(&children_);
-                if (ts_node_symbol(child) == symbol) found.push_back(child);
-            } while (ts_tree_cursor_goto_next_sibling(&children_));
-        }
-        for (TSNode child : found) f(child);
-    }
-
-    void definition(TSNode node, TSNode name, Kind kind, bool hoisted = false) {
-        RawDef d;
-        d.node = node;
-        d.outer = node;
-        d.name_node = name;
-        d.kind = kind;
-        d.hoisted = hoisted;
-        out_.defs.push_back(std::move(d));
-    }
-
-    void reference(TSNode anchor, TSNode name, TSNode callee, Usage usage) {
-        RawRef r;
-        r.anchor = anchor;
-        r.name_node = name;
-        r.callee = callee;
-        r.usage = usage;
-        out_.refs.push_back(std::move(r));
-    }
-
     // `x.name` with an identifier as its attribute: that identifier, else a null node.
     TSNode attribute_name(TSNode attribute) const {
         TSNode name = ts_node_child_by_field_id(attribute, g_.attribute_field);
@@ -142,12 +80,12 @@ private:
 
     // Assignments to a plain name directly in statements of `statements` (a module or block).
     void name_assignments(TSNode statements, Kind kind) {
-        each_child(statements, g_.expression_statement, [&](TSNode statement) {
-            each_child(statement, g_.assignment, [&](TSNode assignment) {
+        for (TSNode statement : children(statements, g_.expression_statement)) {
+            for (TSNode assignment : children(statement, g_.assignment)) {
                 TSNode left = ts_node_child_by_field_id(assignment, g_.left);
                 if (is(left, g_.identifier)) definition(assignment, left, kind);
-            });
-        });
+            }
+        }
     }
 
     // `self.name = ...` in the body of __init__: instance attributes of the class.
@@ -157,31 +95,32 @@ private:
         if (!is(parameters, g_.parameters) || !is(body, g_.block) || ts_node_named_child_count(parameters) == 0) return;
         TSNode self = ts_node_named_child(parameters, 0);
         if (!is(self, g_.identifier)) return;
-        const std::string_view self_name = node_text(text_, self);
-        each_child(body, g_.expression_statement, [&](TSNode statement) {
-            each_child(statement, g_.assignment, [&](TSNode assignment) {
+        const std::string_view self_name = text(self);
+        for (TSNode statement : children(body, g_.expression_statement)) {
+            for (TSNode assignment : children(statement, g_.assignment)) {
                 TSNode left = ts_node_child_by_field_id(assignment, g_.left);
-                if (!is(left, g_.attribute)) return;
+                if (!is(left, g_.attribute)) continue;
                 TSNode object = ts_node_child_by_field_id(left, g_.object);
                 TSNode name = attribute_name(left);
-                if (is(object, g_.identifier) && !ts_node_is_null(name) && node_text(text_, object) == self_name) {
+                if (is(object, g_.identifier) && !ts_node_is_null(name) && text(object) == self_name) {
                     definition(assignment, name, Kind::field, true);
                 }
-            });
-        });
-    }
-
-    // A name or dotted name used as a base class, type or decorator.
-    void name_use(TSNode node, TSNode anchor, Usage usage) {
-        if (is(node, g_.identifier)) {
-            reference(ts_node_is_null(anchor) ? node : anchor, node, {}, usage);
-        } else if (is(node, g_.attribute)) {
-            TSNode name = attribute_name(node);
-            if (!ts_node_is_null(name)) reference(ts_node_is_null(anchor) ? node : anchor, name, node, usage);
+            }
         }
     }
 
-    void visit(TSNode node) {
+    // Names and dotted names among the children of `node`, used as `usage`; anchored at
+    // `anchor`, or at themselves when it is null.
+    void name_uses(TSNode node, TSNode anchor, Usage usage, bool dotted = true) {
+        for (TSNode child : children(node, g_.identifier)) reference(ts_node_is_null(anchor) ? child : anchor, child, {}, usage);
+        if (!dotted) return;
+        for (TSNode child : children(node, g_.attribute)) {
+            TSNode name = attribute_name(child);
+            if (!ts_node_is_null(name)) reference(ts_node_is_null(anchor) ? child : anchor, name, child, usage);
+        }
+    }
+
+    void visit(TSNode node) override {
         const TSSymbol symbol = ts_node_symbol(node);
         if (symbol == g_.call) {
             TSNode function = ts_node_child_by_field_id(node, g_.function);
@@ -194,27 +133,22 @@ private:
         } else if (symbol == g_.comment) {
             out_.comments.push_back(node);
         } else if (symbol == g_.type) {
-            each_child(node, g_.identifier, [&](TSNode child) { name_use(child, {}, Usage::type); });
-            each_child(node, g_.attribute, [&](TSNode child) { name_use(child, {}, Usage::type); });
+            name_uses(node, {}, Usage::type);
         } else if (symbol == g_.generic_type) {
-            each_child(node, g_.identifier, [&](TSNode child) { name_use(child, {}, Usage::type); });
+            name_uses(node, {}, Usage::type, false);
         } else if (symbol == g_.decorator) {
-            each_child(node, g_.identifier, [&](TSNode child) { name_use(child, node, Usage::call); });
-            each_child(node, g_.attribute, [&](TSNode child) { name_use(child, node, Usage::call); });
+            name_uses(node, node, Usage::call);
         } else if (symbol == g_.function_definition) {
             TSNode name = ts_node_child_by_field_id(node, g_.name);
             if (is(name, g_.identifier)) {
                 definition(node, name, Kind::function);
-                if (node_text(text_, name) == "__init__") instance_attributes(node);
+                if (text(name) == "__init__") instance_attributes(node);
             }
         } else if (symbol == g_.class_definition) {
             TSNode name = ts_node_child_by_field_id(node, g_.name);
             if (is(name, g_.identifier)) definition(node, name, Kind::class_);
             TSNode bases = ts_node_child_by_field_id(node, g_.superclasses);
-            if (is(bases, g_.argument_list)) {
-                each_child(bases, g_.identifier, [&](TSNode child) { name_use(child, {}, Usage::inherit); });
-                each_child(bases, g_.attribute, [&](TSNode child) { name_use(child, {}, Usage::inherit); });
-            }
+            if (is(bases, g_.argument_list)) name_uses(bases, {}, Usage::inherit);
             TSNode body = ts_node_child_by_field_id(node, g_.body);
             if (is(body, g_.block)) name_assignments(body, Kind::field);
         } else if (symbol == g_.module) {
@@ -225,16 +159,13 @@ private:
     }
 
     const PythonGrammar& g_;
-    std::string_view text_;
-    Captures& out_;
-    TSTreeCursor children_{};
 };
 
 class PythonRules final : public LanguageRules {
 public:
-    bool walk(const Context& ctx, TSNode root, Captures& out) const override {
+    bool walk(Context& ctx, TSNode root, Captures& out) const override {
         static const PythonGrammar kGrammar;
-        PythonWalker(kGrammar, ctx.text, out).walk(root);
+        PythonWalker(kGrammar, ctx, out).walk(root);
         return true;
     }
 

@@ -1,0 +1,96 @@
+#include "tree_walker.hpp"
+
+#include <stdexcept>
+#include <string>
+
+namespace orvane_kestrix::indexer::detail {
+
+TSSymbol optional_grammar_symbol(const TSLanguage* language, std::string_view type, bool named) {
+    return ts_language_symbol_for_name(language, type.data(), static_cast<std::uint32_t>(type.size()), named);
+}
+
+TSSymbol grammar_symbol(const TSLanguage* language, std::string_view type, bool named) {
+    const TSSymbol id = optional_grammar_symbol(language, type, named);
+    if (id == 0) throw std::logic_error("grammar has no node type " + std::string(type));
+    return id;
+}
+
+TSFieldId optional_grammar_field(const TSLanguage* language, std::string_view field) {
+    return ts_language_field_id_for_name(language, field.data(), static_cast<std::uint32_t>(field.size()));
+}
+
+TSFieldId grammar_field(const TSLanguage* language, std::string_view field) {
+    const TSFieldId id = optional_grammar_field(language, field);
+    if (id == 0) throw std::logic_error("grammar has no field " + std::string(field));
+    return id;
+}
+
+TreeWalker::TreeWalker(Context& ctx, Captures& out) : ctx_(ctx), out_(out) {}
+
+TreeWalker::~TreeWalker() = default;
+
+void TreeWalker::walk(TSNode root) {
+    TSTreeCursor cursor = ts_tree_cursor_new(root);
+    children_cursor_ = ts_tree_cursor_new(root);
+    struct Release {
+        TSTreeCursor& cursor;
+        TSTreeCursor& children;
+        ~Release() {
+            ts_tree_cursor_delete(&children);
+            ts_tree_cursor_delete(&cursor);
+        }
+    } release{cursor, children_cursor_};
+    for (;;) {
+        visit(ts_tree_cursor_current_node(&cursor));
+        if (ts_tree_cursor_goto_first_child(&cursor)) continue;
+        while (!ts_tree_cursor_goto_next_sibling(&cursor)) {
+            if (!ts_tree_cursor_goto_parent(&cursor)) return;
+        }
+    }
+}
+
+std::vector<TSNode> TreeWalker::children(TSNode node, TSSymbol symbol) {
+    std::vector<TSNode> found;
+    ts_tree_cursor_reset(&children_cursor_, node);
+    if (ts_tree_cursor_goto_first_child(&children_cursor_)) {
+        do {
+            TSNode child = ts_tree_cursor_current_node(&children_cursor_);
+            if (ts_node_symbol(child) == symbol) found.push_back(child);
+        } while (ts_tree_cursor_goto_next_sibling(&children_cursor_));
+    }
+    return found;
+}
+
+std::vector<TSNode> TreeWalker::field_children(TSNode node, TSFieldId field) {
+    std::vector<TSNode> found;
+    ts_tree_cursor_reset(&children_cursor_, node);
+    if (ts_tree_cursor_goto_first_child(&children_cursor_)) {
+        do {
+            if (ts_tree_cursor_current_field_id(&children_cursor_) == field) {
+                found.push_back(ts_tree_cursor_current_node(&children_cursor_));
+            }
+        } while (ts_tree_cursor_goto_next_sibling(&children_cursor_));
+    }
+    return found;
+}
+
+void TreeWalker::definition(TSNode node, TSNode name, Kind kind, bool hoisted) {
+    RawDef d;
+    d.node = node;
+    d.outer = node;
+    d.name_node = name;
+    d.kind = kind;
+    d.hoisted = hoisted;
+    out_.defs.push_back(std::move(d));
+}
+
+void TreeWalker::reference(TSNode anchor, TSNode name, TSNode callee, Usage usage) {
+    RawRef r;
+    r.anchor = anchor;
+    r.name_node = name;
+    r.callee = callee;
+    r.usage = usage;
+    out_.refs.push_back(std::move(r));
+}
+
+}  // namespace orvane_kestrix::indexer::detail

@@ -1,0 +1,55 @@
+#pragma once
+// The base of the languages' tree walkers: one pre-order walk over every node of a parse tree,
+// with helpers that record captures the way the language's query patterns would. A walker
+// finds the same captures as the query at a fraction of the cost (the query engine's
+// traversal costs as much as everything else extraction does); the extraction tests run both
+// and compare.
+
+#include <string_view>
+#include <vector>
+
+#include <tree_sitter/api.h>
+
+#include "extract_internal.hpp"
+
+namespace orvane_kestrix::indexer::detail {
+
+// Grammar ids by name. A missing required name is a walker bug (std::logic_error); an optional
+// one is 0, which no node has.
+TSSymbol grammar_symbol(const TSLanguage* language, std::string_view type, bool named = true);
+TSSymbol optional_grammar_symbol(const TSLanguage* language, std::string_view type, bool named = true);
+TSFieldId grammar_field(const TSLanguage* language, std::string_view field);
+TSFieldId optional_grammar_field(const TSLanguage* language, std::string_view field);
+
+class TreeWalker {
+public:
+    TreeWalker(Context& ctx, Captures& out);
+    virtual ~TreeWalker();
+    TreeWalker(const TreeWalker&) = delete;
+    TreeWalker& operator=(const TreeWalker&) = delete;
+
+    // Visits every node, in document order. Once per walker.
+    void walk(TSNode root);
+
+protected:
+    virtual void visit(TSNode node) = 0;
+
+    static bool is(TSNode node, TSSymbol symbol) { return !ts_node_is_null(node) && ts_node_symbol(node) == symbol; }
+    std::string_view text(TSNode node) const { return node_text(ctx_.text, node); }
+
+    // The direct children of `node` of type `symbol`, in order.
+    std::vector<TSNode> children(TSNode node, TSSymbol symbol);
+    // The direct children of `node` in field `field` (a field may hold several), in order.
+    std::vector<TSNode> field_children(TSNode node, TSFieldId field);
+
+    void definition(TSNode node, TSNode name, Kind kind, bool hoisted = false);
+    void reference(TSNode anchor, TSNode name, TSNode callee, Usage usage);
+
+    Context& ctx_;
+    Captures& out_;
+
+private:
+    TSTreeCursor children_cursor_{};  // for children() and field_children(), during walk()
+};
+
+}  // namespace orvane_kestrix::indexer::detail
