@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "extract_internal.hpp"
+#include "tree_walker.hpp"
 
 namespace orvane_kestrix::indexer::detail {
 
@@ -31,8 +32,362 @@ bool has_private_modifier(const Context& ctx, TSNode node) {
     return false;
 }
 
+// The ids of the node types and fields the walker looks at, in one of the three grammars.
+// Types a grammar lacks are 0 (no node has it); the patterns of the TypeScript, JSX and
+// JavaScript-only query files are switched on by language, as the query texts are assembled.
+struct JavaScriptGrammar {
+    bool typescript = false, jsx = false, javascript_only = false;
+    TSSymbol program, function_declaration, generator_function_declaration, class_declaration, method_definition,
+        variable_declarator, arrow_function, function_expression, generator_function, class_, lexical_declaration,
+        variable_declaration, export_statement, expression_statement, assignment_expression, member_expression,
+        property_identifier, identifier, export_clause, export_specifier, object, shorthand_property_identifier, pair,
+        call_expression, arguments, string, import, new_expression, import_statement, comment, const_keyword,
+        let_keyword;
+    // TypeScript
+    TSSymbol interface_declaration = 0, type_alias_declaration = 0, enum_declaration = 0, abstract_class_declaration = 0,
+             function_signature = 0, interface_body = 0, method_signature = 0, object_type = 0,
+             abstract_method_signature = 0, property_signature = 0, public_field_definition = 0, module = 0,
+             internal_module = 0, type_identifier = 0, type_parameter = 0, nested_type_identifier = 0,
+             extends_clause = 0, implements_clause = 0, extends_type_clause = 0;
+    // JavaScript only
+    TSSymbol field_definition = 0, class_heritage = 0;
+    // JSX
+    TSSymbol jsx_opening_element = 0, jsx_self_closing_element = 0;
+    TSFieldId name, value, left, right, object_field, property, function, arguments_field, constructor, source,
+        type_field = 0;
+
+    explicit JavaScriptGrammar(Language language) {
+        const TSLanguage* g = grammar(language);
+        typescript = language == Language::typescript || language == Language::tsx;
+        jsx = language == Language::javascript || language == Language::tsx;
+        javascript_only = language == Language::javascript;
+        program = grammar_symbol(g, "program");
+        function_declaration = grammar_symbol(g, "function_declaration");
+        generator_function_declaration = grammar_symbol(g, "generator_function_declaration");
+        class_declaration = grammar_symbol(g, "class_declaration");
+        method_definition = grammar_symbol(g, "method_definition");
+        variable_declarator = grammar_symbol(g, "variable_declarator");
+        arrow_function = grammar_symbol(g, "arrow_function");
+        function_expression = grammar_symbol(g, "function_expression");
+        generator_function = grammar_symbol(g, "generator_function");
+        class_ = grammar_symbol(g, "class");
+        lexical_declaration = grammar_symbol(g, "lexical_declaration");
+        variable_declaration = grammar_symbol(g, "variable_declaration");
+        export_statement = grammar_symbol(g, "export_statement");
+        expression_statement = grammar_symbol(g, "expression_statement");
+        assignment_expression = grammar_symbol(g, "assignment_expression");
+        member_expression = grammar_symbol(g, "member_expression");
+        property_identifier = grammar_symbol(g, "property_identifier");
+        identifier = grammar_symbol(g, "identifier");
+        export_clause = grammar_symbol(g, "export_clause");
+        export_specifier = grammar_symbol(g, "export_specifier");
+        object = grammar_symbol(g, "object");
+        shorthand_property_identifier = grammar_symbol(g, "shorthand_property_identifier");
+        pair = grammar_symbol(g, "pair");
+        call_expression = grammar_symbol(g, "call_expression");
+        arguments = grammar_symbol(g, "arguments");
+        string = grammar_symbol(g, "string");
+        import = grammar_symbol(g, "import");
+        new_expression = grammar_symbol(g, "new_expression");
+        import_statement = grammar_symbol(g, "import_statement");
+        comment = grammar_symbol(g, "comment");
+        const_keyword = grammar_symbol(g, "const", false);
+        let_keyword = grammar_symbol(g, "let", false);
+        if (typescript) {
+            interface_declaration = grammar_symbol(g, "interface_declaration");
+            type_alias_declaration = grammar_symbol(g, "type_alias_declaration");
+            enum_declaration = grammar_symbol(g, "enum_declaration");
+            abstract_class_declaration = grammar_symbol(g, "abstract_class_declaration");
+            function_signature = grammar_symbol(g, "function_signature");
+            interface_body = grammar_symbol(g, "interface_body");
+            method_signature = grammar_symbol(g, "method_signature");
+            object_type = grammar_symbol(g, "object_type");
+            abstract_method_signature = grammar_symbol(g, "abstract_method_signature");
+            property_signature = grammar_symbol(g, "property_signature");
+            public_field_definition = grammar_symbol(g, "public_field_definition");
+            module = grammar_symbol(g, "module");
+            internal_module = grammar_symbol(g, "internal_module");
+            type_identifier = grammar_symbol(g, "type_identifier");
+            type_parameter = grammar_symbol(g, "type_parameter");
+            nested_type_identifier = grammar_symbol(g, "nested_type_identifier");
+            extends_clause = grammar_symbol(g, "extends_clause");
+            implements_clause = grammar_symbol(g, "implements_clause");
+            extends_type_clause = grammar_symbol(g, "extends_type_clause");
+            type_field = grammar_field(g, "type");
+        }
+        if (javascript_only) {
+            field_definition = grammar_symbol(g, "field_definition");
+            class_heritage = grammar_symbol(g, "class_heritage");
+        }
+        if (jsx) {
+            jsx_opening_element = grammar_symbol(g, "jsx_opening_element");
+            jsx_self_closing_element = grammar_symbol(g, "jsx_self_closing_element");
+        }
+        name = grammar_field(g, "name");
+        value = grammar_field(g, "value");
+        left = grammar_field(g, "left");
+        right = grammar_field(g, "right");
+        object_field = grammar_field(g, "object");
+        property = grammar_field(g, "property");
+        function = grammar_field(g, "function");
+        arguments_field = grammar_field(g, "arguments");
+        constructor = grammar_field(g, "constructor");
+        source = grammar_field(g, "source");
+    }
+};
+
+const JavaScriptGrammar& javascript_grammar(Language language) {
+    switch (language) {
+        case Language::typescript: { static const JavaScriptGrammar g(Language::typescript); return g; }
+        case Language::tsx: { static const JavaScriptGrammar g(Language::tsx); return g; }
+        default: { static const JavaScriptGrammar g(Language::javascript); return g; }
+    }
+}
+
+// Finds what queries/javascript.scm (with typescript.scm, javascript_only.scm and jsx.scm as
+// the language takes them) captures, pattern by pattern.
+class JavaScriptWalker final : public TreeWalker {
+public:
+    JavaScriptWalker(const JavaScriptGrammar& g, Context& ctx, Captures& out) : TreeWalker(ctx, out), g_(g) {}
+
+private:
+    static bool is_named(TSNode node) { return !ts_node_is_null(node) && ts_node_is_named(node); }
+    TSNode field(TSNode node, TSFieldId id) const { return ts_node_child_by_field_id(node, id); }
+
+    // `a.b` with a property name: that name, else a null node.
+    TSNode property_name(TSNode member) const {
+        TSNode name = field(member, g_.property);
+        return is(name, g_.property_identifier) ? name : TSNode{};
+    }
+
+    // A name, or the property of a member expression, used as `usage`: anchored at `anchor`,
+    // or at the used node itself when `anchor` is null.
+    void name_use(TSNode node, TSNode anchor, Usage usage) {
+        if (is(node, g_.identifier)) {
+            reference(ts_node_is_null(anchor) ? node : anchor, node, {}, usage);
+        } else if (is(node, g_.member_expression)) {
+            TSNode name = property_name(node);
+            if (!ts_node_is_null(name)) reference(ts_node_is_null(anchor) ? node : anchor, name, node, usage);
+        }
+    }
+
+    // `const`, `let` and `var` declarations at the top level (or exported there).
+    void top_level_declaration(TSNode declaration) {
+        if (is(declaration, g_.lexical_declaration)) {
+            bool after_const = false;
+            bool after_let = false;
+            for (TSNode child : all_children(declaration)) {
+                const TSSymbol symbol = ts_node_symbol(child);
+                if (symbol == g_.const_keyword) after_const = true;
+                if (symbol == g_.let_keyword) after_let = true;
+                if (symbol != g_.variable_declarator) continue;
+                TSNode name = field(child, g_.name);
+                if (!is(name, g_.identifier)) continue;
+                if (after_const) definition(child, name, Kind::constant);
+                if (after_let) definition(child, name, Kind::variable);
+            }
+        } else if (is(declaration, g_.variable_declaration)) {
+            for (TSNode declarator : children(declaration, g_.variable_declarator)) {
+                TSNode name = field(declarator, g_.name);
+                if (is(name, g_.identifier)) definition(declarator, name, Kind::variable);
+            }
+        }
+    }
+
+    void program(TSNode node) {
+        for (TSNode child : all_children(node)) {
+            if (is(child, g_.export_statement)) {
+                for (TSNode exported : all_children(child)) top_level_declaration(exported);
+            } else {
+                top_level_declaration(child);
+            }
+        }
+    }
+
+    void assignment_statement(TSNode statement) {
+        for (TSNode assignment : children(statement, g_.assignment_expression)) {
+            TSNode left = field(assignment, g_.left);
+            TSNode right = field(assignment, g_.right);
+            if (!is(left, g_.member_expression)) continue;
+            // exports.f = function () {}
+            TSNode name = property_name(left);
+            if (!ts_node_is_null(name) && (is(right, g_.arrow_function) || is(right, g_.function_expression))) {
+                definition(assignment, name, Kind::function);
+            }
+            // module.exports = { a, b: c } / module.exports = a
+            TSNode object = field(left, g_.object_field);
+            if (!is(object, g_.identifier) || text(object) != "module" || ts_node_is_null(name) || text(name) != "exports") {
+                continue;
+            }
+            if (is(right, g_.identifier)) {
+                ctx_.export_names.push_back(text(right));
+            } else if (is(right, g_.object)) {
+                for (TSNode item : all_children(right)) {
+                    if (is(item, g_.shorthand_property_identifier)) {
+                        ctx_.export_names.push_back(text(item));
+                    } else if (is(item, g_.pair)) {
+                        TSNode value = field(item, g_.value);
+                        if (is(value, g_.identifier)) ctx_.export_names.push_back(text(value));
+                    }
+                }
+            }
+        }
+    }
+
+    void export_statement(TSNode node) {
+        TSNode source = field(node, g_.source);
+        if (ts_node_is_null(source)) {
+            for (TSNode clause : children(node, g_.export_clause)) {
+                for (TSNode specifier : children(clause, g_.export_specifier)) {
+                    TSNode name = field(specifier, g_.name);
+                    if (is(name, g_.identifier)) ctx_.export_names.push_back(text(name));
+                }
+            }
+        } else if (is_named(source)) {
+            out_.imports.push_back(node);
+        }
+        TSNode value = field(node, g_.value);
+        if (is(value, g_.identifier)) ctx_.export_names.push_back(text(value));
+    }
+
+    // `require("x")` and `import("x")`: the first named argument is a string.
+    bool string_argument(TSNode call) const {
+        TSNode arguments = field(call, g_.arguments_field);
+        return is(arguments, g_.arguments) && ts_node_named_child_count(arguments) > 0 &&
+               is(ts_node_named_child(arguments, 0), g_.string);
+    }
+
+    void call(TSNode node) {
+        TSNode function = field(node, g_.function);
+        if (is(function, g_.identifier)) {
+            if (text(function) != "require") {
+                reference(node, function, {}, Usage::call);
+            } else if (string_argument(node)) {
+                out_.imports.push_back(node);
+            }
+        } else if (is(function, g_.import)) {
+            if (string_argument(node)) out_.imports.push_back(node);
+        } else if (is(function, g_.member_expression)) {
+            TSNode name = property_name(function);
+            if (!ts_node_is_null(name)) reference(node, name, function, Usage::call);
+        }
+    }
+
+    void named_definition(TSNode node, Kind kind, TSSymbol name_type = 0) {
+        TSNode name = field(node, g_.name);
+        if (name_type == 0 ? is_named(name) : is(name, name_type)) definition(node, name, kind);
+    }
+
+    // Members of an interface body or object type: method and property signatures.
+    void signatures(TSNode body) {
+        for (TSNode member : children(body, g_.method_signature)) named_definition(member, Kind::method);
+        for (TSNode member : children(body, g_.property_signature)) named_definition(member, Kind::property);
+    }
+
+    bool visit_typescript(TSNode node, TSSymbol symbol) {
+        if (symbol == g_.type_identifier) {
+            reference(node, node, {}, Usage::type);
+        } else if (symbol == g_.nested_type_identifier) {
+            TSNode name = field(node, g_.name);
+            if (is(name, g_.type_identifier)) reference(node, name, node, Usage::type);
+        } else if (symbol == g_.type_parameter) {
+            TSNode name = field(node, g_.name);
+            if (is(name, g_.type_identifier)) out_.not_uses.push_back(ts_node_start_byte(name));
+        } else if (symbol == g_.interface_declaration) {
+            named_definition(node, Kind::interface, g_.type_identifier);
+        } else if (symbol == g_.type_alias_declaration) {
+            named_definition(node, Kind::type, g_.type_identifier);
+            TSNode value = field(node, g_.value);
+            if (is(value, g_.object_type)) signatures(value);
+        } else if (symbol == g_.interface_body) {
+            signatures(node);
+        } else if (symbol == g_.enum_declaration) {
+            named_definition(node, Kind::enum_, g_.identifier);
+        } else if (symbol == g_.abstract_class_declaration) {
+            named_definition(node, Kind::class_, g_.type_identifier);
+        } else if (symbol == g_.function_signature) {
+            named_definition(node, Kind::function, g_.identifier);
+        } else if (symbol == g_.abstract_method_signature) {
+            named_definition(node, Kind::method);
+        } else if (symbol == g_.public_field_definition) {
+            named_definition(node, Kind::field);
+        } else if (symbol == g_.module) {
+            named_definition(node, Kind::module);
+        } else if (symbol == g_.internal_module) {
+            named_definition(node, Kind::namespace_);
+        } else if (symbol == g_.extends_clause) {
+            for (TSNode base : field_children(node, g_.value)) name_use(base, {}, Usage::inherit);
+        } else if (symbol == g_.implements_clause) {
+            for (TSNode base : children(node, g_.type_identifier)) reference(base, base, {}, Usage::inherit);
+        } else if (symbol == g_.extends_type_clause) {
+            for (TSNode base : field_children(node, g_.type_field)) {
+                if (is(base, g_.type_identifier)) reference(base, base, {}, Usage::inherit);
+            }
+        } else {
+            return false;
+        }
+        return true;
+    }
+
+    void visit(TSNode node) override {
+        const TSSymbol symbol = ts_node_symbol(node);
+        if (symbol == g_.call_expression) {
+            call(node);
+        } else if (symbol == g_.identifier || symbol == g_.property_identifier || symbol == g_.member_expression ||
+                   symbol == g_.string) {
+            // The commonest nodes, none of them a pattern's root.
+        } else if (g_.typescript && visit_typescript(node, symbol)) {
+            // A TypeScript pattern's root.
+        } else if (symbol == g_.comment) {
+            out_.comments.push_back(node);
+        } else if (symbol == g_.variable_declarator) {
+            TSNode name = field(node, g_.name);
+            TSNode value = field(node, g_.value);
+            if (is(name, g_.identifier)) {
+                if (is(value, g_.arrow_function) || is(value, g_.function_expression) || is(value, g_.generator_function)) {
+                    definition(node, name, Kind::function);
+                } else if (is(value, g_.class_)) {
+                    definition(node, name, Kind::class_);
+                }
+            }
+        } else if (symbol == g_.new_expression) {
+            name_use(field(node, g_.constructor), node, Usage::call);
+        } else if (symbol == g_.expression_statement) {
+            assignment_statement(node);
+        } else if (symbol == g_.function_declaration || symbol == g_.generator_function_declaration) {
+            named_definition(node, Kind::function, g_.identifier);
+        } else if (symbol == g_.class_declaration) {
+            named_definition(node, Kind::class_);
+        } else if (symbol == g_.method_definition) {
+            TSNode name = field(node, g_.name);
+            if (is_named(name) && text(name) != "constructor") definition(node, name, Kind::method);
+        } else if (symbol == g_.export_statement) {
+            export_statement(node);
+        } else if (symbol == g_.import_statement) {
+            out_.imports.push_back(node);
+        } else if (symbol == g_.program) {
+            program(node);
+        } else if (g_.jsx && (symbol == g_.jsx_opening_element || symbol == g_.jsx_self_closing_element)) {
+            name_use(field(node, g_.name), node, Usage::call);
+        } else if (g_.javascript_only && symbol == g_.field_definition) {
+            TSNode name = field(node, g_.property);
+            if (is_named(name)) definition(node, name, Kind::field);
+        } else if (g_.javascript_only && symbol == g_.class_heritage) {
+            for (TSNode base : children(node, g_.identifier)) reference(base, base, {}, Usage::inherit);
+            for (TSNode base : children(node, g_.member_expression)) name_use(base, {}, Usage::inherit);
+        }
+    }
+
+    const JavaScriptGrammar& g_;
+};
+
 class JavaScriptRules final : public LanguageRules {
 public:
+    bool walk(Context& ctx, TSNode root, Captures& out) const override {
+        JavaScriptWalker(javascript_grammar(ctx.language), ctx, out).walk(root);
+        return true;
+    }
+
     void definitions(Context& ctx, RawDef def, std::vector<RawDef>& out) const override {
         if (ts_node_is_null(def.name_node)) return;
         def.name = node_text(ctx.text, def.name_node);

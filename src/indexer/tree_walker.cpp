@@ -61,6 +61,17 @@ std::vector<TSNode> TreeWalker::children(TSNode node, TSSymbol symbol) {
     return found;
 }
 
+std::vector<TSNode> TreeWalker::all_children(TSNode node) {
+    std::vector<TSNode> found;
+    ts_tree_cursor_reset(&children_cursor_, node);
+    if (ts_tree_cursor_goto_first_child(&children_cursor_)) {
+        do {
+            found.push_back(ts_tree_cursor_current_node(&children_cursor_));
+        } while (ts_tree_cursor_goto_next_sibling(&children_cursor_));
+    }
+    return found;
+}
+
 std::vector<TSNode> TreeWalker::field_children(TSNode node, TSFieldId field) {
     std::vector<TSNode> found;
     ts_tree_cursor_reset(&children_cursor_, node);

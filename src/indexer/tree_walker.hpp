@@ -39,6 +39,8 @@ protected:
 
     // The direct children of `node` of type `symbol`, in order.
     std::vector<TSNode> children(TSNode node, TSSymbol symbol);
+    // All direct children of `node`, named or not, in order.
+    std::vector<TSNode> all_children(TSNode node);
     // The direct children of `node` in field `field` (a field may hold several), in order.
     std::vector<TSNode> field_children(TSNode node, TSFieldId field);
 

@@ -214,9 +214,45 @@ TEST(ExtractionWalkers, WalkersMatchTheQueries) {
                       "            def __init__(self):\n                self.x = helper()\n        return Local\n"
                       "    return inner\n"},
     };
+    // JavaScript, shared by the three grammars.
+    const std::string script =
+        "// comment\nfunction f() {}\nfunction* g() {}\nclass A extends B { constructor() { super(); } m() {}\n"
+        "  get p() { return 1; } static s = 1; #q = 2; }\nclass C extends ns.D {}\n"
+        "const h = () => 1, k = function () {}, l = function* () {}, M = class {};\nlet v = 1, w;\nvar x = 2;\n"
+        "export const E = 1;\nexport let F = 2;\nexport var G = 3;\nexport default H;\nexport { a, b as c };\n"
+        "export { d } from './d';\nexport * from './e';\nif (y) { const inner = 1; }\n"
+        "exports.run = function () {};\nmodule.exports.stop = () => {};\nmodule.exports = { a, b: c, d: 1, e() {} };\n"
+        "module.exports = single;\nconst fs = require('fs');\nrequire(name);\nimport('./lazy');\n"
+        "import z, { y as yy } from './z';\nimport * as all from './all';\nf(); a.b.c(); new A(); new ns.D(1);\n"
+        "(function () { return q(); })();\nfoo`tpl`;\nconst { o, p } = obj;\n";
+    const std::string typescript =
+        "interface I extends J, ns.K { m(): void; p: string; [key: string]: unknown; }\n"
+        "type T = { m(a: number): T; p?: U<V>; };\ntype W = X | Y.Z;\nenum Color { Red }\n"
+        "abstract class Base<Q extends R> implements S, T2 { abstract run(): void; public field: number = 1;\n"
+        "  private secret = 2; constructor(private readonly dep: Dep) { super(); } }\n"
+        "declare function decl(a: A1): B1;\nmodule Legacy { export const x = 1; }\ndeclare module 'ext' { }\n"
+        "namespace Space.Inner { function f<T>(t: T): T { return t; } }\nclass D2 extends Base<number> {}\n"
+        "class D3 extends mixin(A, B) {}\nconst typed: Map<string, Array<ns.Item>> = new Map();\n"
+        "function g<K extends keyof O, O>(o: O, k: K): O[K] { return o[k]; }\nlet broken: = ;\nclass { }\n";
+    const std::string jsx = "const el = <Panel.Header title=\"x\"><Item /><div>{f()}</div></Panel.Header>;\n"
+                            "function View() { return <><Row.Cell /></>; }\n";
+    inputs.push_back({"script.js", script});
+    inputs.push_back({"script.ts", script});
+    inputs.push_back({"script.tsx", script});
+    inputs.push_back({"types.ts", typescript});
+    inputs.push_back({"types.tsx", typescript});
+    inputs.push_back({"view.jsx", jsx});
+    inputs.push_back({"view.tsx", jsx});
+    inputs.push_back({"broken.js", "function (a { class extends { } const = ; module.exports = {;\n"});
     for (const auto& rel : sample_files()) {
         const std::string path = rel.generic_string();
-        if (language_for_path(path) == Language::python) inputs.push_back({path, read_file(kSampleRepo / rel)});
+        switch (*language_for_path(path)) {
+            case Language::python:
+            case Language::javascript:
+            case Language::typescript:
+            case Language::tsx: inputs.push_back({path, read_file(kSampleRepo / rel)}); break;
+            default: break;
+        }
     }
     ExtractorOptions query_options;
     query_options.use_walkers = false;

@@ -1,6 +1,9 @@
 ; JavaScript definitions and references, shared by JavaScript, TypeScript and TSX.
 ; See python.scm for the capture names. @export.name marks a name exported by an export
 ; clause (`export { a }`, `export default a`, `module.exports = { a }`).
+; The indexer finds these captures (with those of typescript.scm, javascript_only.scm and
+; jsx.scm) with a tree walk (language_javascript.cpp), which is faster than the query engine;
+; a change here needs the same change there (the extraction tests compare them).
 
 (function_declaration
   name: (identifier) @name) @definition.function

@@ -1,4 +1,5 @@
 ; JavaScript-only node shapes (TypeScript spells these differently).
+; Mirrored by the walker in language_javascript.cpp (see javascript.scm).
 
 (field_definition
   property: (_) @name) @definition.field

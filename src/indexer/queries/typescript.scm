@@ -1,4 +1,5 @@
 ; TypeScript additions to javascript.scm (TypeScript and TSX).
+; Mirrored by the walker in language_javascript.cpp (see javascript.scm).
 
 (interface_declaration
   name: (type_identifier) @name) @definition.interface
