@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "extract_internal.hpp"
+#include "tree_walker.hpp"
 
 namespace orvane_kestrix::indexer::detail {
 
@@ -121,8 +122,258 @@ TSNode with_templates(TSNode node) {
     return outer;
 }
 
+// The ids of the node types and fields the walker looks at, in the C or the C++ grammar; the
+// patterns of cpp.scm are switched on for C++, as the query texts are assembled.
+struct CGrammar {
+    bool cpp = false;
+    TSSymbol function_definition, translation_unit, declaration, preproc_ifdef, preproc_if, preproc_else, preproc_elif,
+        preproc_elifdef, declaration_list, linkage_specification, field_declaration_list, field_declaration,
+        struct_specifier, union_specifier, enum_specifier, type_identifier, type_definition, preproc_def, identifier,
+        preproc_function_def, call_expression, field_expression, field_identifier, preproc_include, comment;
+    // C++
+    TSSymbol class_specifier = 0, namespace_definition = 0, alias_declaration = 0, template_declaration = 0,
+             qualified_identifier = 0, template_function = 0, template_method = 0, new_expression = 0,
+             template_type = 0, base_class_clause = 0, compound_statement = 0, function_declarator = 0,
+             parameter_list = 0, parameter_declaration = 0;
+    TSFieldId name, body, value, function, field, type = 0, declarator = 0, parameters = 0;
+
+    explicit CGrammar(Language language) {
+        const TSLanguage* g = grammar(language);
+        cpp = language == Language::cpp;
+        function_definition = grammar_symbol(g, "function_definition");
+        translation_unit = grammar_symbol(g, "translation_unit");
+        declaration = grammar_symbol(g, "declaration");
+        preproc_ifdef = grammar_symbol(g, "preproc_ifdef");
+        preproc_if = grammar_symbol(g, "preproc_if");
+        preproc_else = grammar_symbol(g, "preproc_else");
+        preproc_elif = grammar_symbol(g, "preproc_elif");
+        preproc_elifdef = grammar_symbol(g, "preproc_elifdef");
+        declaration_list = grammar_symbol(g, "declaration_list");
+        linkage_specification = grammar_symbol(g, "linkage_specification");
+        field_declaration_list = grammar_symbol(g, "field_declaration_list");
+        field_declaration = grammar_symbol(g, "field_declaration");
+        struct_specifier = grammar_symbol(g, "struct_specifier");
+        union_specifier = grammar_symbol(g, "union_specifier");
+        enum_specifier = grammar_symbol(g, "enum_specifier");
+        type_identifier = grammar_symbol(g, "type_identifier");
+        type_definition = grammar_symbol(g, "type_definition");
+        preproc_def = grammar_symbol(g, "preproc_def");
+        identifier = grammar_symbol(g, "identifier");
+        preproc_function_def = grammar_symbol(g, "preproc_function_def");
+        call_expression = grammar_symbol(g, "call_expression");
+        field_expression = grammar_symbol(g, "field_expression");
+        field_identifier = grammar_symbol(g, "field_identifier");
+        preproc_include = grammar_symbol(g, "preproc_include");
+        comment = grammar_symbol(g, "comment");
+        name = grammar_field(g, "name");
+        body = grammar_field(g, "body");
+        value = grammar_field(g, "value");
+        function = grammar_field(g, "function");
+        field = grammar_field(g, "field");
+        if (cpp) {
+            class_specifier = grammar_symbol(g, "class_specifier");
+            namespace_definition = grammar_symbol(g, "namespace_definition");
+            alias_declaration = grammar_symbol(g, "alias_declaration");
+            template_declaration = grammar_symbol(g, "template_declaration");
+            qualified_identifier = grammar_symbol(g, "qualified_identifier");
+            template_function = grammar_symbol(g, "template_function");
+            template_method = grammar_symbol(g, "template_method");
+            new_expression = grammar_symbol(g, "new_expression");
+            template_type = grammar_symbol(g, "template_type");
+            base_class_clause = grammar_symbol(g, "base_class_clause");
+            compound_statement = grammar_symbol(g, "compound_statement");
+            function_declarator = grammar_symbol(g, "function_declarator");
+            parameter_list = grammar_symbol(g, "parameter_list");
+            parameter_declaration = grammar_symbol(g, "parameter_declaration");
+            type = grammar_field(g, "type");
+            declarator = grammar_field(g, "declarator");
+            parameters = grammar_field(g, "parameters");
+        }
+    }
+};
+
+const CGrammar& c_grammar(Language language) {
+    if (language == Language::cpp) {
+        static const CGrammar g(Language::cpp);
+        return g;
+    }
+    static const CGrammar g(Language::c);
+    return g;
+}
+
+// Finds what queries/c.scm (and, for C++, cpp.scm) captures, pattern by pattern.
+class CWalker final : public TreeWalker {
+public:
+    CWalker(const CGrammar& g, Context& ctx, Captures& out) : TreeWalker(ctx, out), g_(g) {}
+
+private:
+    static bool is_named(TSNode node) { return !ts_node_is_null(node) && ts_node_is_named(node); }
+    TSNode field(TSNode node, TSFieldId id) const { return ts_node_child_by_field_id(node, id); }
+
+    // Declarations directly inside `node`, whose kinds the rules work out.
+    void declarations(TSNode node, Kind kind = Kind::declaration) {
+        for (TSNode declaration : children(node, g_.declaration)) definition(declaration, {}, kind);
+    }
+
+    // `struct S {...}` and the like: a name and a body.
+    void named_with_body(TSNode node, Kind kind, TSSymbol name_type) {
+        TSNode name = field(node, g_.name);
+        if ((name_type == 0 ? is_named(name) : is(name, name_type)) && is_named(field(node, g_.body))) {
+            definition(node, name, kind);
+        }
+    }
+
+    void call(TSNode node) {
+        TSNode function = field(node, g_.function);
+        const TSSymbol symbol = ts_node_is_null(function) ? 0 : ts_node_symbol(function);
+        if (symbol == g_.identifier) {
+            reference(node, function, {}, Usage::call);
+        } else if (symbol == g_.field_expression) {
+            TSNode member = field(function, g_.field);
+            if (is(member, g_.field_identifier)) {
+                reference(node, member, function, Usage::call);
+            } else if (g_.cpp && is(member, g_.template_method)) {
+                TSNode name = field(member, g_.name);
+                if (is(name, g_.field_identifier)) reference(node, name, function, Usage::call);
+            }
+        } else if (g_.cpp && symbol == g_.qualified_identifier) {
+            reference(node, {}, function, Usage::call);
+        } else if (g_.cpp && symbol == g_.template_function) {
+            TSNode name = field(function, g_.name);
+            if (is(name, g_.identifier)) reference(node, name, {}, Usage::call);
+        }
+    }
+
+    // `T::name` or `T::name<...>` as a type, and the like: the last name.
+    TSNode qualified_type_name(TSNode qualified) const {
+        TSNode name = field(qualified, g_.name);
+        if (is(name, g_.type_identifier)) return name;
+        if (is(name, g_.template_type)) {
+            TSNode inner = field(name, g_.name);
+            if (is(inner, g_.type_identifier)) return inner;
+        }
+        return {};
+    }
+
+    // `Foo bar(Baz);` in a function body declares a variable, so `Baz` there is no type use
+    // of a parameter.
+    void vexing_parse(TSNode block) {
+        for (TSNode declaration : children(block, g_.declaration)) {
+            for (TSNode declarator : field_children(declaration, g_.declarator)) {
+                if (!is(declarator, g_.function_declarator)) continue;
+                TSNode parameters = field(declarator, g_.parameters);
+                if (!is(parameters, g_.parameter_list)) continue;
+                for (TSNode parameter : children(parameters, g_.parameter_declaration)) {
+                    TSNode type = field(parameter, g_.type);
+                    if (is(type, g_.type_identifier) && ts_node_is_null(field(parameter, g_.declarator))) {
+                        out_.not_uses.push_back(ts_node_start_byte(type));
+                    }
+                }
+            }
+        }
+    }
+
+    bool visit_cpp(TSNode node, TSSymbol symbol) {
+        if (symbol == g_.qualified_identifier) {
+            TSNode name = qualified_type_name(node);
+            if (!ts_node_is_null(name)) reference(node, name, node, Usage::type);
+        } else if (symbol == g_.compound_statement) {
+            vexing_parse(node);
+        } else if (symbol == g_.new_expression) {
+            TSNode type = field(node, g_.type);
+            if (is(type, g_.type_identifier)) {
+                reference(node, type, {}, Usage::call);
+            } else if (is(type, g_.qualified_identifier)) {
+                TSNode name = field(type, g_.name);
+                if (is(name, g_.type_identifier)) reference(node, name, type, Usage::call);
+            }
+        } else if (symbol == g_.class_specifier) {
+            named_with_body(node, Kind::class_, 0);
+        } else if (symbol == g_.namespace_definition) {
+            TSNode name = field(node, g_.name);
+            if (ts_node_is_null(name)) {
+                RawDef frame;
+                frame.node = node;
+                frame.outer = node;
+                frame.kind = Kind::frame;
+                frame.internal = true;
+                out_.defs.push_back(std::move(frame));
+            } else if (is_named(name)) {
+                definition(node, name, Kind::namespace_);
+            }
+        } else if (symbol == g_.alias_declaration) {
+            TSNode name = field(node, g_.name);
+            if (is(name, g_.type_identifier)) definition(node, name, Kind::type);
+        } else if (symbol == g_.template_declaration) {
+            declarations(node);
+        } else if (symbol == g_.base_class_clause) {
+            for (TSNode base : children(node, g_.type_identifier)) reference(base, base, {}, Usage::inherit);
+            for (TSNode base : children(node, g_.qualified_identifier)) {
+                TSNode name = field(base, g_.name);
+                if (is(name, g_.type_identifier)) reference(base, name, base, Usage::inherit);
+            }
+            for (TSNode base : children(node, g_.template_type)) {
+                TSNode name = field(base, g_.name);
+                if (is(name, g_.type_identifier)) reference(base, name, {}, Usage::inherit);
+            }
+        } else {
+            return false;
+        }
+        return true;
+    }
+
+    void visit(TSNode node) override {
+        const TSSymbol symbol = ts_node_symbol(node);
+        if (symbol == g_.identifier || symbol == g_.field_identifier) {
+            // The commonest nodes, none of them a pattern's root.
+        } else if (symbol == g_.type_identifier) {
+            reference(node, node, {}, Usage::type);
+        } else if (symbol == g_.call_expression) {
+            call(node);
+        } else if (g_.cpp && visit_cpp(node, symbol)) {
+            // A C++ pattern's root.
+        } else if (symbol == g_.comment) {
+            out_.comments.push_back(node);
+        } else if (symbol == g_.function_definition) {
+            definition(node, {}, Kind::function);
+        } else if (symbol == g_.translation_unit || symbol == g_.preproc_ifdef || symbol == g_.preproc_if ||
+                   symbol == g_.preproc_else || symbol == g_.preproc_elif || symbol == g_.preproc_elifdef ||
+                   symbol == g_.declaration_list) {
+            declarations(node);
+        } else if (symbol == g_.linkage_specification) {
+            for (TSNode body : field_children(node, g_.body)) {
+                if (is(body, g_.declaration)) definition(body, {}, Kind::declaration);
+            }
+        } else if (symbol == g_.field_declaration_list) {
+            for (TSNode member : children(node, g_.field_declaration)) definition(member, {}, Kind::member);
+            if (g_.cpp) declarations(node, Kind::member);
+        } else if (symbol == g_.struct_specifier || symbol == g_.union_specifier) {
+            named_with_body(node, Kind::struct_, g_.type_identifier);
+        } else if (symbol == g_.enum_specifier) {
+            named_with_body(node, Kind::enum_, g_.type_identifier);
+        } else if (symbol == g_.type_definition) {
+            definition(node, {}, Kind::typedef_);
+        } else if (symbol == g_.preproc_def) {
+            TSNode name = field(node, g_.name);
+            if (is(name, g_.identifier) && is_named(field(node, g_.value))) definition(node, name, Kind::constant);
+        } else if (symbol == g_.preproc_function_def) {
+            TSNode name = field(node, g_.name);
+            if (is(name, g_.identifier)) definition(node, name, Kind::function);
+        } else if (symbol == g_.preproc_include) {
+            out_.imports.push_back(node);
+        }
+    }
+
+    const CGrammar& g_;
+};
+
 class CRules final : public LanguageRules {
 public:
+    bool walk(Context& ctx, TSNode root, Captures& out) const override {
+        CWalker(c_grammar(ctx.language), ctx, out).walk(root);
+        return true;
+    }
+
     void prepare(Context& ctx, const std::vector<RawDef>&) const override {
         ctx.is_header = is_header_path(ctx.path);
     }

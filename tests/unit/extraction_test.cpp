@@ -244,13 +244,39 @@ TEST(ExtractionWalkers, WalkersMatchTheQueries) {
     inputs.push_back({"view.jsx", jsx});
     inputs.push_back({"view.tsx", jsx});
     inputs.push_back({"broken.js", "function (a { class extends { } const = ; module.exports = {;\n"});
+    // C, shared by the C and C++ grammars.
+    const std::string c =
+        "#include <stdio.h>\n#include \"local.h\"\n#define LIMIT 10\n#define EMPTY\n#define MAX(a, b) ((a) > (b) ? (a) : (b))\n"
+        "/* doc */\nstatic int counter = 0, other;\nextern void run(struct task *t);\n"
+        "struct task { int id; struct task *next; union { int i; float f; } u; };\nstruct forward;\n"
+        "union value { int i; };\nenum color { RED, GREEN };\ntypedef struct task task_t;\n"
+        "typedef int (*handler)(void *);\n#ifdef FEATURE\nint feature(void);\n#elif defined(OTHER)\nint other_fn(void);\n"
+        "#else\nint fallback(void);\n#endif\n#if X\nlong x;\n#endif\n"
+        "int main(int argc, char **argv) { task_t t; run(&t); t.next->id = helper(argc); ops->close(fd);\n"
+        "  size_t n = sizeof(struct task); return MAX(1, 2); }\nint broken( { ;\n";
+    const std::string cpp =
+        "namespace app { namespace { int hidden; } class Widget : public Base, protected ns::Mixin, Tpl<int> {\n"
+        "  public: Widget(); virtual ~Widget(); void draw() const; int size = 0; static constexpr int kMax = 1;\n"
+        "  template <typename T> T get(); friend class Other; };\n"
+        "template <typename T> struct Box { T value; };\ntemplate <typename T> T make(T t);\nusing Id = long;\n"
+        "extern \"C\" int c_api(void);\nextern \"C\" { int c_api2(void); }\n"
+        "void Widget::draw() const { Foo bar(Baz); auto w = new Widget(); auto q = new ns::Thing(1);\n"
+        "  std::vector<int> v; v.push_back(1); obj.template get<int>(); make<int>(1); ns::helper(); Box<Widget> b;\n"
+        "  std::map<std::string, ns::Item>::iterator it; }\n}\nclass Forward;\nclass { int x; } anon;\n";
+    inputs.push_back({"code.c", c});
+    inputs.push_back({"code.cpp", c});
+    inputs.push_back({"code.h", c});
+    inputs.push_back({"more.cpp", cpp});
+    inputs.push_back({"more.hpp", cpp});
     for (const auto& rel : sample_files()) {
         const std::string path = rel.generic_string();
         switch (*language_for_path(path)) {
             case Language::python:
             case Language::javascript:
             case Language::typescript:
-            case Language::tsx: inputs.push_back({path, read_file(kSampleRepo / rel)}); break;
+            case Language::tsx:
+            case Language::c:
+            case Language::cpp: inputs.push_back({path, read_file(kSampleRepo / rel)}); break;
             default: break;
         }
     }

@@ -1,6 +1,9 @@
 ; C definitions, references and includes; also the base of the C++ query (cpp.scm adds to it).
 ; See python.scm for the capture names. Declarations and function definitions carry no @name:
 ; the extractor reads names out of their declarators (which nest: pointers, arrays, functions).
+; The indexer finds these captures (with those of cpp.scm for C++) with a tree walk
+; (language_c.cpp), which is faster than the query engine; a change here needs the same change
+; there (the extraction tests compare them).
 ; Declarations inside function bodies are dropped by the extractor.
 
 (function_definition) @definition.function

@@ -1,4 +1,5 @@
 ; C++ additions to c.scm.
+; Mirrored by the walker in language_c.cpp (see c.scm).
 
 (class_specifier
   name: (_) @name
