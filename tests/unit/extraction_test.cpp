@@ -268,6 +268,24 @@ TEST(ExtractionWalkers, WalkersMatchTheQueries) {
     inputs.push_back({"code.h", c});
     inputs.push_back({"more.cpp", cpp});
     inputs.push_back({"more.hpp", cpp});
+    inputs.push_back({"main.go",
+                      "package main\n\nimport (\n\t\"fmt\"\n\tstr \"strings\"\n)\n\n// Limit doc.\nconst Limit, other = 10, 2\n"
+                      "const (\n\tA = iota\n\tB\n)\nvar x, y int\nvar (\n\tz = 1\n\tw string\n)\n"
+                      "type Shape interface {\n\tArea() float64\n\tfmt.Stringer\n\tNamed\n}\n"
+                      "type Point struct {\n\tX, Y int\n\tName\n\t*Base\n\tio.Reader\n\t*sync.Mutex\n\tlabel string `json:\"l\"`\n}\n"
+                      "type ID = int64\ntype Celsius float64\ntype Pair[T any] struct{ a, b T }\n"
+                      "func (p *Point) Move(dx int) { p.X += dx; fmt.Println(str.ToUpper(\"x\")); helper() }\n"
+                      "func New[T any](v T) *Pair[T] { var local = 1; _ = local; return &Pair[T]{v, v} }\n"
+                      "func broken( {\n"});
+    inputs.push_back({"src/main/java/com/acme/App.java",
+                      "package com.acme;\n\nimport java.util.List;\nimport static java.lang.Math.*;\n\n"
+                      "/** Doc. */\n@Deprecated\npublic class App extends Base<String> implements Runnable, java.io.Closeable {\n"
+                      "  public static final int LIMIT = 1, OTHER = 2;\n  private List<String> names;\n"
+                      "  @Override public void run() { helper(); this.names.add(\"x\"); super.run(); new App(); new java.util.ArrayList<>();\n"
+                      "    new Outer.Inner(); List<Item> items = new ArrayList<Item>(); }\n"
+                      "  interface Callback extends Listener, Comparable<Callback> { int LIMIT = 3; void call(); }\n"
+                      "  enum Mode { ON, OFF }\n  record Pair(int a, int b) {}\n  @interface Marker { String value(); }\n"
+                      "  @SuppressWarnings(\"x\") void m() {}\n  void broken( {\n}\n"});
     for (const auto& rel : sample_files()) {
         const std::string path = rel.generic_string();
         switch (*language_for_path(path)) {
@@ -276,7 +294,9 @@ TEST(ExtractionWalkers, WalkersMatchTheQueries) {
             case Language::typescript:
             case Language::tsx:
             case Language::c:
-            case Language::cpp: inputs.push_back({path, read_file(kSampleRepo / rel)}); break;
+            case Language::cpp:
+            case Language::go:
+            case Language::java: inputs.push_back({path, read_file(kSampleRepo / rel)}); break;
             default: break;
         }
     }
@@ -413,19 +433,22 @@ TEST(ExtractionRules, SymbolsPerLanguage) {
          {"namespace src.t.Geo export", "function src.t.Geo.area export", "function src.t.Geo.hidden",
           "module src.t.ext", "function src.t.ext.f", "class src.t.Shape export", "method src.t.Shape.area export",
           "field src.t.Shape.name", "type src.t.Opts", "property src.t.Opts.verbose", "method src.t.Opts.run"}},
-        {"go: grouped declarations, generic receivers, embedded fields", Language::go, "pkg/q/q.go",
+        {"go: grouped declarations, several names in one spec, generic receivers, embedded fields", Language::go,
+         "pkg/q/q.go",
          "package q\n"
          "const (\n"
          "\tA = 1\n"
          "\tb = 2\n"
          ")\n"
+         "const C, d = 3, 4\n"
          "type List[T any] struct {\n"
          "\tBase\n"
          "\titems []T\n"
          "}\n"
          "func (l *List[T]) Len() int { return 0 }\n"
          "func helper() {}\n",
-         {"constant q.A export", "constant q.b", "struct q.List export", "field q.List.items",
+         {"constant q.A export", "constant q.b", "constant q.C export", "constant q.d", "struct q.List export",
+          "field q.List.items",
           "method q.List.Len export", "function q.helper"}},
         {"rust: generic impls, trait defaults, restricted visibility, nested functions", Language::rust,
          "src/shapes.rs",

@@ -1,5 +1,7 @@
 ; Go definitions, references and imports. See python.scm for the capture names.
 ; Method receivers are read by the extractor (the method is qualified by its receiver type).
+; The indexer finds these captures with a tree walk (language_go.cpp), which is faster than the query
+; engine; a change here needs the same change there (the extraction tests compare them).
 
 (function_declaration
   name: (identifier) @name) @definition.function
@@ -27,10 +29,13 @@
 (method_elem
   name: (field_identifier) @name) @definition.method
 
+; The grammar puts the commas of `const a, b = ...` in the name field too, and a field pattern
+; stops at the first name: the names are the spec's direct identifiers (its values sit in an
+; expression_list).
 (source_file
   (const_declaration
     (const_spec
-      name: (identifier) @name) @definition.constant))
+      (identifier) @name) @definition.constant))
 
 (source_file
   (var_declaration

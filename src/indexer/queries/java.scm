@@ -1,4 +1,6 @@
 ; Java definitions, references and imports. See python.scm for the capture names.
+; The indexer finds these captures with a tree walk (language_java.cpp), which is faster than the query
+; engine; a change here needs the same change there (the extraction tests compare them).
 
 (class_declaration
   name: (identifier) @name) @definition.class
