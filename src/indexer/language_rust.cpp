@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "extract_internal.hpp"
+#include "tree_walker.hpp"
 
 namespace orvane_kestrix::indexer::detail {
 
@@ -36,8 +37,191 @@ TSNode block_owner(TSNode item) {
     return ts_node_parent(list);
 }
 
+// The ids of the node types and fields the walker looks at.
+struct RustGrammar {
+    TSSymbol function_item, function_signature_item, struct_item, union_item, enum_item, trait_item, type_item,
+        mod_item, const_item, static_item, field_declaration, impl_item, call_expression, field_expression,
+        scoped_identifier, generic_function, macro_invocation, identifier, field_identifier, type_identifier,
+        scoped_type_identifier, generic_type, trait_bounds, token_tree, use_declaration, line_comment, block_comment;
+    TSFieldId name, type, function, field, macro, trait, bounds;
+
+    RustGrammar() {
+        const TSLanguage* g = grammar(Language::rust);
+        function_item = grammar_symbol(g, "function_item");
+        function_signature_item = grammar_symbol(g, "function_signature_item");
+        struct_item = grammar_symbol(g, "struct_item");
+        union_item = grammar_symbol(g, "union_item");
+        enum_item = grammar_symbol(g, "enum_item");
+        trait_item = grammar_symbol(g, "trait_item");
+        type_item = grammar_symbol(g, "type_item");
+        mod_item = grammar_symbol(g, "mod_item");
+        const_item = grammar_symbol(g, "const_item");
+        static_item = grammar_symbol(g, "static_item");
+        field_declaration = grammar_symbol(g, "field_declaration");
+        impl_item = grammar_symbol(g, "impl_item");
+        call_expression = grammar_symbol(g, "call_expression");
+        field_expression = grammar_symbol(g, "field_expression");
+        scoped_identifier = grammar_symbol(g, "scoped_identifier");
+        generic_function = grammar_symbol(g, "generic_function");
+        macro_invocation = grammar_symbol(g, "macro_invocation");
+        identifier = grammar_symbol(g, "identifier");
+        field_identifier = grammar_symbol(g, "field_identifier");
+        type_identifier = grammar_symbol(g, "type_identifier");
+        scoped_type_identifier = grammar_symbol(g, "scoped_type_identifier");
+        generic_type = grammar_symbol(g, "generic_type");
+        trait_bounds = grammar_symbol(g, "trait_bounds");
+        token_tree = grammar_symbol(g, "token_tree");
+        use_declaration = grammar_symbol(g, "use_declaration");
+        line_comment = grammar_symbol(g, "line_comment");
+        block_comment = grammar_symbol(g, "block_comment");
+        name = grammar_field(g, "name");
+        type = grammar_field(g, "type");
+        function = grammar_field(g, "function");
+        field = grammar_field(g, "field");
+        macro = grammar_field(g, "macro");
+        trait = grammar_field(g, "trait");
+        bounds = grammar_field(g, "bounds");
+    }
+};
+
+// Finds what queries/rust.scm captures, pattern by pattern; macro arguments go to the rules'
+// token reader, as the query's @tokens captures do.
+class RustWalker final : public TreeWalker {
+public:
+    RustWalker(const RustGrammar& g, const LanguageRules& rules, Context& ctx, Captures& out)
+        : TreeWalker(ctx, out), g_(g), rules_(rules) {}
+
+private:
+    TSNode field(TSNode node, TSFieldId id) const { return ts_node_child_by_field_id(node, id); }
+
+    void named(TSNode node, TSSymbol name_type, Kind kind) {
+        TSNode name = field(node, g_.name);
+        if (is(name, name_type)) definition(node, name, kind);
+    }
+
+    // `a::b` or `x.f` as a callee: its last name (null when it has none of the expected type).
+    TSNode scoped_name(TSNode scoped) const {
+        TSNode name = field(scoped, g_.name);
+        return is(name, g_.identifier) ? name : TSNode{};
+    }
+    TSNode field_name(TSNode expression) const {
+        TSNode name = field(expression, g_.field);
+        return is(name, g_.field_identifier) ? name : TSNode{};
+    }
+
+    void call(TSNode node) {
+        TSNode function = field(node, g_.function);
+        if (is(function, g_.identifier)) {
+            reference(node, function, {}, Usage::call);
+        } else if (is(function, g_.field_expression)) {
+            TSNode name = field_name(function);
+            if (!ts_node_is_null(name)) reference(node, name, function, Usage::call);
+        } else if (is(function, g_.scoped_identifier)) {
+            TSNode name = scoped_name(function);
+            if (!ts_node_is_null(name)) reference(node, name, function, Usage::call);
+        } else if (is(function, g_.generic_function)) {
+            // `f::<T>()`, `a::f::<T>()`, `x.f::<T>()`
+            TSNode inner = field(function, g_.function);
+            if (is(inner, g_.identifier)) {
+                reference(node, inner, {}, Usage::call);
+            } else {
+                TSNode name = is(inner, g_.scoped_identifier) ? scoped_name(inner)
+                              : is(inner, g_.field_expression) ? field_name(inner)
+                                                               : TSNode{};
+                if (!ts_node_is_null(name)) reference(node, name, inner, Usage::call);
+            }
+        }
+    }
+
+    void impl(TSNode node) {
+        TSNode type = field(node, g_.type);
+        if (!ts_node_is_null(type) && ts_node_is_named(type)) {
+            RawDef frame;
+            frame.node = node;
+            frame.outer = node;
+            frame.kind = Kind::frame;
+            frame.name_node = type;
+            out_.defs.push_back(std::move(frame));
+        }
+        TSNode trait = field(node, g_.trait);
+        if (is(trait, g_.type_identifier)) {
+            reference(trait, trait, {}, Usage::inherit);
+        } else if (is(trait, g_.scoped_type_identifier)) {
+            TSNode name = field(trait, g_.name);
+            if (is(name, g_.type_identifier)) reference(trait, name, trait, Usage::inherit);
+        } else if (is(trait, g_.generic_type)) {
+            TSNode name = field(trait, g_.type);
+            if (is(name, g_.type_identifier)) reference(trait, name, {}, Usage::inherit);
+        }
+    }
+
+    void macro(TSNode node) {
+        TSNode macro = field(node, g_.macro);
+        if (is(macro, g_.identifier)) {
+            reference(node, macro, {}, Usage::call);
+        } else if (is(macro, g_.scoped_identifier)) {
+            TSNode name = scoped_name(macro);
+            if (!ts_node_is_null(name)) reference(node, name, macro, Usage::call);
+        }
+        for (TSNode tokens : children(node, g_.token_tree)) rules_.token_references(ctx_, tokens, out_.refs);
+    }
+
+    void visit(TSNode node) override {
+        const TSSymbol symbol = ts_node_symbol(node);
+        if (symbol == g_.identifier || symbol == g_.field_identifier || symbol == g_.token_tree) {
+            // The commonest nodes, none of them a pattern's root.
+        } else if (symbol == g_.type_identifier) {
+            reference(node, node, {}, Usage::type);
+        } else if (symbol == g_.call_expression) {
+            call(node);
+        } else if (symbol == g_.scoped_type_identifier) {
+            TSNode name = field(node, g_.name);
+            if (is(name, g_.type_identifier)) reference(node, name, node, Usage::type);
+        } else if (symbol == g_.line_comment || symbol == g_.block_comment) {
+            out_.comments.push_back(node);
+        } else if (symbol == g_.macro_invocation) {
+            macro(node);
+        } else if (symbol == g_.function_item || symbol == g_.function_signature_item) {
+            named(node, g_.identifier, Kind::function);
+        } else if (symbol == g_.struct_item || symbol == g_.union_item) {
+            named(node, g_.type_identifier, Kind::struct_);
+        } else if (symbol == g_.enum_item) {
+            named(node, g_.type_identifier, Kind::enum_);
+        } else if (symbol == g_.trait_item) {
+            named(node, g_.type_identifier, Kind::trait);
+            TSNode bounds = field(node, g_.bounds);
+            if (is(bounds, g_.trait_bounds)) {
+                for (TSNode base : children(bounds, g_.type_identifier)) reference(base, base, {}, Usage::inherit);
+            }
+        } else if (symbol == g_.type_item) {
+            named(node, g_.type_identifier, Kind::type);
+        } else if (symbol == g_.mod_item) {
+            named(node, g_.identifier, Kind::module);
+        } else if (symbol == g_.const_item) {
+            named(node, g_.identifier, Kind::constant);
+        } else if (symbol == g_.static_item) {
+            named(node, g_.identifier, Kind::variable);
+        } else if (symbol == g_.field_declaration) {
+            named(node, g_.field_identifier, Kind::field);
+        } else if (symbol == g_.impl_item) {
+            impl(node);
+        } else if (symbol == g_.use_declaration) {
+            out_.imports.push_back(node);
+        }
+    }
+
+    const RustGrammar& g_;
+    const LanguageRules& rules_;
+};
+
 class RustRules final : public LanguageRules {
 public:
+    bool walk(Context& ctx, TSNode root, Captures& out) const override {
+        static const RustGrammar kGrammar;
+        RustWalker(kGrammar, *this, ctx, out).walk(root);
+        return true;
+    }
+
     void definitions(Context& ctx, RawDef def, std::vector<RawDef>& out) const override {
         if (def.kind == Kind::frame) {
             TSNode name = type_name_node(def.name_node);

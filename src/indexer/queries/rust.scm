@@ -1,6 +1,8 @@
 ; Rust definitions, references and imports. See python.scm for the capture names.
 ; @scope.impl marks an impl block: not a definition, but its functions are methods of its
 ; type (@scope.name).
+; The indexer finds these captures with a tree walk (language_rust.cpp), which is faster than the
+; query engine; a change here needs the same change there (the extraction tests compare them).
 
 (function_item
   name: (identifier) @name) @definition.function
