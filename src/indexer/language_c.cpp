@@ -207,9 +207,6 @@ public:
     CWalker(const CGrammar& g, Context& ctx, Captures& out) : TreeWalker(ctx, out), g_(g) {}
 
 private:
-    static bool is_named(TSNode node) { return !ts_node_is_null(node) && ts_node_is_named(node); }
-    TSNode field(TSNode node, TSFieldId id) const { return ts_node_child_by_field_id(node, id); }
-
     // Declarations directly inside `node`, whose kinds the rules work out.
     void declarations(TSNode node, Kind kind = Kind::declaration) {
         for (TSNode declaration : children(node, g_.declaration)) definition(declaration, {}, kind);
@@ -292,12 +289,7 @@ private:
         } else if (symbol == g_.namespace_definition) {
             TSNode name = field(node, g_.name);
             if (ts_node_is_null(name)) {
-                RawDef frame;
-                frame.node = node;
-                frame.outer = node;
-                frame.kind = Kind::frame;
-                frame.internal = true;
-                out_.defs.push_back(std::move(frame));
+                scope_frame(node, {}, true);
             } else if (is_named(name)) {
                 definition(node, name, Kind::namespace_);
             }

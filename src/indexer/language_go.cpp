@@ -80,8 +80,6 @@ public:
     GoWalker(const GoGrammar& g, Context& ctx, Captures& out) : TreeWalker(ctx, out), g_(g) {}
 
 private:
-    TSNode field(TSNode node, TSFieldId id) const { return ts_node_child_by_field_id(node, id); }
-
     // Every name of `node` (a declaration may name several) of type `type`, defined as `kind`.
     void names(TSNode node, TSSymbol type, Kind kind) {
         for (TSNode name : field_children(node, g_.name)) {

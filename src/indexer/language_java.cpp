@@ -73,8 +73,6 @@ public:
     JavaWalker(const JavaGrammar& g, Context& ctx, Captures& out) : TreeWalker(ctx, out), g_(g) {}
 
 private:
-    TSNode field(TSNode node, TSFieldId id) const { return ts_node_child_by_field_id(node, id); }
-
     void named(TSNode node, Kind kind) {
         TSNode name = field(node, g_.name);
         if (is(name, g_.identifier)) definition(node, name, kind);

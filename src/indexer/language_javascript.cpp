@@ -151,9 +151,6 @@ public:
     JavaScriptWalker(const JavaScriptGrammar& g, Context& ctx, Captures& out) : TreeWalker(ctx, out), g_(g) {}
 
 private:
-    static bool is_named(TSNode node) { return !ts_node_is_null(node) && ts_node_is_named(node); }
-    TSNode field(TSNode node, TSFieldId id) const { return ts_node_child_by_field_id(node, id); }
-
     // `a.b` with a property name: that name, else a null node.
     TSNode property_name(TSNode member) const {
         TSNode name = field(member, g_.property);

@@ -74,7 +74,7 @@ public:
 private:
     // `x.name` with an identifier as its attribute: that identifier, else a null node.
     TSNode attribute_name(TSNode attribute) const {
-        TSNode name = ts_node_child_by_field_id(attribute, g_.attribute_field);
+        TSNode name = field(attribute, g_.attribute_field);
         return is(name, g_.identifier) ? name : TSNode{};
     }
 
@@ -82,7 +82,7 @@ private:
     void name_assignments(TSNode statements, Kind kind) {
         for (TSNode statement : children(statements, g_.expression_statement)) {
             for (TSNode assignment : children(statement, g_.assignment)) {
-                TSNode left = ts_node_child_by_field_id(assignment, g_.left);
+                TSNode left = field(assignment, g_.left);
                 if (is(left, g_.identifier)) definition(assignment, left, kind);
             }
         }
@@ -90,17 +90,17 @@ private:
 
     // `self.name = ...` in the body of __init__: instance attributes of the class.
     void instance_attributes(TSNode function) {
-        TSNode parameters = ts_node_child_by_field_id(function, g_.parameters_field);
-        TSNode body = ts_node_child_by_field_id(function, g_.body);
+        TSNode parameters = field(function, g_.parameters_field);
+        TSNode body = field(function, g_.body);
         if (!is(parameters, g_.parameters) || !is(body, g_.block) || ts_node_named_child_count(parameters) == 0) return;
         TSNode self = ts_node_named_child(parameters, 0);
         if (!is(self, g_.identifier)) return;
         const std::string_view self_name = text(self);
         for (TSNode statement : children(body, g_.expression_statement)) {
             for (TSNode assignment : children(statement, g_.assignment)) {
-                TSNode left = ts_node_child_by_field_id(assignment, g_.left);
+                TSNode left = field(assignment, g_.left);
                 if (!is(left, g_.attribute)) continue;
-                TSNode object = ts_node_child_by_field_id(left, g_.object);
+                TSNode object = field(left, g_.object);
                 TSNode name = attribute_name(left);
                 if (is(object, g_.identifier) && !ts_node_is_null(name) && text(object) == self_name) {
                     definition(assignment, name, Kind::field, true);
@@ -123,7 +123,7 @@ private:
     void visit(TSNode node) override {
         const TSSymbol symbol = ts_node_symbol(node);
         if (symbol == g_.call) {
-            TSNode function = ts_node_child_by_field_id(node, g_.function);
+            TSNode function = field(node, g_.function);
             if (is(function, g_.identifier)) {
                 reference(node, function, {}, Usage::call);
             } else if (is(function, g_.attribute)) {
@@ -139,17 +139,17 @@ private:
         } else if (symbol == g_.decorator) {
             name_uses(node, node, Usage::call);
         } else if (symbol == g_.function_definition) {
-            TSNode name = ts_node_child_by_field_id(node, g_.name);
+            TSNode name = field(node, g_.name);
             if (is(name, g_.identifier)) {
                 definition(node, name, Kind::function);
                 if (text(name) == "__init__") instance_attributes(node);
             }
         } else if (symbol == g_.class_definition) {
-            TSNode name = ts_node_child_by_field_id(node, g_.name);
+            TSNode name = field(node, g_.name);
             if (is(name, g_.identifier)) definition(node, name, Kind::class_);
-            TSNode bases = ts_node_child_by_field_id(node, g_.superclasses);
+            TSNode bases = field(node, g_.superclasses);
             if (is(bases, g_.argument_list)) name_uses(bases, {}, Usage::inherit);
-            TSNode body = ts_node_child_by_field_id(node, g_.body);
+            TSNode body = field(node, g_.body);
             if (is(body, g_.block)) name_assignments(body, Kind::field);
         } else if (symbol == g_.module) {
             name_assignments(node, Kind::variable);

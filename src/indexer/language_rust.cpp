@@ -92,8 +92,6 @@ public:
         : TreeWalker(ctx, out), g_(g), rules_(rules) {}
 
 private:
-    TSNode field(TSNode node, TSFieldId id) const { return ts_node_child_by_field_id(node, id); }
-
     void named(TSNode node, TSSymbol name_type, Kind kind) {
         TSNode name = field(node, g_.name);
         if (is(name, name_type)) definition(node, name, kind);
@@ -135,14 +133,7 @@ private:
 
     void impl(TSNode node) {
         TSNode type = field(node, g_.type);
-        if (!ts_node_is_null(type) && ts_node_is_named(type)) {
-            RawDef frame;
-            frame.node = node;
-            frame.outer = node;
-            frame.kind = Kind::frame;
-            frame.name_node = type;
-            out_.defs.push_back(std::move(frame));
-        }
+        if (is_named(type)) scope_frame(node, type, false);
         TSNode trait = field(node, g_.trait);
         if (is(trait, g_.type_identifier)) {
             reference(trait, trait, {}, Usage::inherit);

@@ -5,22 +5,14 @@
 
 namespace orvane_kestrix::indexer::detail {
 
-TSSymbol optional_grammar_symbol(const TSLanguage* language, std::string_view type, bool named) {
-    return ts_language_symbol_for_name(language, type.data(), static_cast<std::uint32_t>(type.size()), named);
-}
-
 TSSymbol grammar_symbol(const TSLanguage* language, std::string_view type, bool named) {
-    const TSSymbol id = optional_grammar_symbol(language, type, named);
+    const TSSymbol id = ts_language_symbol_for_name(language, type.data(), static_cast<std::uint32_t>(type.size()), named);
     if (id == 0) throw std::logic_error("grammar has no node type " + std::string(type));
     return id;
 }
 
-TSFieldId optional_grammar_field(const TSLanguage* language, std::string_view field) {
-    return ts_language_field_id_for_name(language, field.data(), static_cast<std::uint32_t>(field.size()));
-}
-
 TSFieldId grammar_field(const TSLanguage* language, std::string_view field) {
-    const TSFieldId id = optional_grammar_field(language, field);
+    const TSFieldId id = ts_language_field_id_for_name(language, field.data(), static_cast<std::uint32_t>(field.size()));
     if (id == 0) throw std::logic_error("grammar has no field " + std::string(field));
     return id;
 }
@@ -102,6 +94,16 @@ void TreeWalker::reference(TSNode anchor, TSNode name, TSNode callee, Usage usag
     r.callee = callee;
     r.usage = usage;
     out_.refs.push_back(std::move(r));
+}
+
+void TreeWalker::scope_frame(TSNode node, TSNode name, bool internal) {
+    RawDef frame;
+    frame.node = node;
+    frame.outer = node;
+    frame.name_node = name;
+    frame.kind = Kind::frame;
+    frame.internal = internal;
+    out_.defs.push_back(std::move(frame));
 }
 
 }  // namespace orvane_kestrix::indexer::detail

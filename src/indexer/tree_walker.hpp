@@ -14,12 +14,9 @@
 
 namespace orvane_kestrix::indexer::detail {
 
-// Grammar ids by name. A missing required name is a walker bug (std::logic_error); an optional
-// one is 0, which no node has.
+// Grammar ids by name. A name the grammar lacks is a walker bug (std::logic_error).
 TSSymbol grammar_symbol(const TSLanguage* language, std::string_view type, bool named = true);
-TSSymbol optional_grammar_symbol(const TSLanguage* language, std::string_view type, bool named = true);
 TSFieldId grammar_field(const TSLanguage* language, std::string_view field);
-TSFieldId optional_grammar_field(const TSLanguage* language, std::string_view field);
 
 class TreeWalker {
 public:
@@ -35,6 +32,10 @@ protected:
     virtual void visit(TSNode node) = 0;
 
     static bool is(TSNode node, TSSymbol symbol) { return !ts_node_is_null(node) && ts_node_symbol(node) == symbol; }
+    // A named node (what a query's `(_)` matches).
+    static bool is_named(TSNode node) { return !ts_node_is_null(node) && ts_node_is_named(node); }
+    // The first child in a field (null when there is none).
+    static TSNode field(TSNode node, TSFieldId id) { return ts_node_child_by_field_id(node, id); }
     std::string_view text(TSNode node) const { return node_text(ctx_.text, node); }
 
     // The direct children of `node` of type `symbol`, in order.
@@ -46,6 +47,8 @@ protected:
 
     void definition(TSNode node, TSNode name, Kind kind, bool hoisted = false);
     void reference(TSNode anchor, TSNode name, TSNode callee, Usage usage);
+    // A scope that is no definition: an impl block named by `name`, an anonymous namespace.
+    void scope_frame(TSNode node, TSNode name, bool internal);
 
     Context& ctx_;
     Captures& out_;
