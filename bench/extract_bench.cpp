@@ -1,5 +1,6 @@
 // Extraction throughput over this machine's Python standard library (site-packages left out):
-// every .py file read into memory first, then parsed and extracted on one thread.
+// every .py file read into memory first, then parsed and extracted on one thread, with the
+// language walkers and, for reference, with the queries they mirror.
 // Reports files/s (items_per_second) and bytes/s, plus what was found.
 //
 //   build/extract_bench [--benchmark_filter=...]     KESTRIX_BENCH_DIR=/some/tree overrides the corpus
@@ -68,6 +69,8 @@ const std::vector<SourceFile>& corpus() {
     return files;
 }
 
+// state.range(0): 1 extracts with the language walkers (as the indexer does), 0 with the
+// tree-sitter queries they mirror.
 void BM_ExtractCorpus(benchmark::State& state) {
     const auto& files = corpus();
     if (files.empty()) {
@@ -76,7 +79,9 @@ void BM_ExtractCorpus(benchmark::State& state) {
     }
     std::size_t bytes = 0;
     for (const auto& f : files) bytes += f.content.size();
-    Extractor extractor;
+    ExtractorOptions options;
+    options.use_walkers = state.range(0) != 0;
+    Extractor extractor(options);
     std::size_t symbols = 0, references = 0, errors = 0, abandoned = 0;
     for (auto _ : state) {
         symbols = references = errors = abandoned = 0;
@@ -98,7 +103,7 @@ void BM_ExtractCorpus(benchmark::State& state) {
     state.counters["with_errors"] = static_cast<double>(errors);
     state.counters["abandoned"] = static_cast<double>(abandoned);
 }
-BENCHMARK(BM_ExtractCorpus)->Unit(benchmark::kSecond)->Iterations(2)->UseRealTime();
+BENCHMARK(BM_ExtractCorpus)->ArgName("walkers")->Arg(1)->Arg(0)->Unit(benchmark::kSecond)->Iterations(2)->UseRealTime();
 
 // The floor under extraction: the Python files parsed by the bare grammar, nothing queried.
 void BM_ParsePythonOnly(benchmark::State& state) {
