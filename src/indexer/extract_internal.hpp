@@ -1,7 +1,7 @@
 #pragma once
 // Internals of the extractor shared by its source files: the compiled queries, the per-file
-// context, the raw definitions the query finds, and the per-language rules that turn those
-// into symbols, exports, docstrings and imports.
+// context, the raw definitions a language's walker (or query) finds, and the per-language
+// rules that turn those into symbols, exports, docstrings and imports.
 
 #include <cstddef>
 #include <cstdint>
