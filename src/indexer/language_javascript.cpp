@@ -153,8 +153,7 @@ public:
 private:
     // `a.b` with a property name: that name, else a null node.
     TSNode property_name(TSNode member) const {
-        TSNode name = field(member, g_.property);
-        return is(name, g_.property_identifier) ? name : TSNode{};
+        return field_of_type(member, g_.property, g_.property_identifier);
     }
 
     // A name, or the property of a member expression, used as `usage`: anchored at `anchor`,

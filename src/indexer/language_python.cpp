@@ -74,8 +74,7 @@ public:
 private:
     // `x.name` with an identifier as its attribute: that identifier, else a null node.
     TSNode attribute_name(TSNode attribute) const {
-        TSNode name = field(attribute, g_.attribute_field);
-        return is(name, g_.identifier) ? name : TSNode{};
+        return field_of_type(attribute, g_.attribute_field, g_.identifier);
     }
 
     // Assignments to a plain name directly in statements of `statements` (a module or block).

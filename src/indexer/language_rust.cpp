@@ -99,12 +99,10 @@ private:
 
     // `a::b` or `x.f` as a callee: its last name (null when it has none of the expected type).
     TSNode scoped_name(TSNode scoped) const {
-        TSNode name = field(scoped, g_.name);
-        return is(name, g_.identifier) ? name : TSNode{};
+        return field_of_type(scoped, g_.name, g_.identifier);
     }
     TSNode field_name(TSNode expression) const {
-        TSNode name = field(expression, g_.field);
-        return is(name, g_.field_identifier) ? name : TSNode{};
+        return field_of_type(expression, g_.field, g_.field_identifier);
     }
 
     void call(TSNode node) {

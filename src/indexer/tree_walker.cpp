@@ -41,40 +41,32 @@ void TreeWalker::walk(TSNode root) {
     }
 }
 
-std::vector<TSNode> TreeWalker::children(TSNode node, TSSymbol symbol) {
+template <class Keep>
+std::vector<TSNode> TreeWalker::collect_children(TSNode node, Keep keep) {
     std::vector<TSNode> found;
     ts_tree_cursor_reset(&children_cursor_, node);
     if (ts_tree_cursor_goto_first_child(&children_cursor_)) {
         do {
-            TSNode child = ts_tree_cursor_current_node(&children_cursor_);
-            if (ts_node_symbol(child) == symbol) found.push_back(child);
+            if (keep(children_cursor_)) found.push_back(ts_tree_cursor_current_node(&children_cursor_));
         } while (ts_tree_cursor_goto_next_sibling(&children_cursor_));
     }
     return found;
+}
+
+std::vector<TSNode> TreeWalker::children(TSNode node, TSSymbol symbol) {
+    return collect_children(node, [symbol](const TSTreeCursor& cursor) {
+        return ts_node_symbol(ts_tree_cursor_current_node(&cursor)) == symbol;
+    });
 }
 
 std::vector<TSNode> TreeWalker::all_children(TSNode node) {
-    std::vector<TSNode> found;
-    ts_tree_cursor_reset(&children_cursor_, node);
-    if (ts_tree_cursor_goto_first_child(&children_cursor_)) {
-        do {
-            found.push_back(ts_tree_cursor_current_node(&children_cursor_));
-        } while (ts_tree_cursor_goto_next_sibling(&children_cursor_));
-    }
-    return found;
+    return collect_children(node, [](const TSTreeCursor&) { return true; });
 }
 
 std::vector<TSNode> TreeWalker::field_children(TSNode node, TSFieldId field) {
-    std::vector<TSNode> found;
-    ts_tree_cursor_reset(&children_cursor_, node);
-    if (ts_tree_cursor_goto_first_child(&children_cursor_)) {
-        do {
-            if (ts_tree_cursor_current_field_id(&children_cursor_) == field) {
-                found.push_back(ts_tree_cursor_current_node(&children_cursor_));
-            }
-        } while (ts_tree_cursor_goto_next_sibling(&children_cursor_));
-    }
-    return found;
+    return collect_children(node, [field](const TSTreeCursor& cursor) {
+        return ts_tree_cursor_current_field_id(&cursor) == field;
+    });
 }
 
 void TreeWalker::definition(TSNode node, TSNode name, Kind kind, bool hoisted) {

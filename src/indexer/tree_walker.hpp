@@ -36,6 +36,11 @@ protected:
     static bool is_named(TSNode node) { return !ts_node_is_null(node) && ts_node_is_named(node); }
     // The first child in a field (null when there is none).
     static TSNode field(TSNode node, TSFieldId id) { return ts_node_child_by_field_id(node, id); }
+    // The first child in a field when it is of type `symbol`, else null.
+    static TSNode field_of_type(TSNode node, TSFieldId id, TSSymbol symbol) {
+        TSNode child = field(node, id);
+        return is(child, symbol) ? child : TSNode{};
+    }
     std::string_view text(TSNode node) const { return node_text(ctx_.text, node); }
 
     // The direct children of `node` of type `symbol`, in order.
@@ -54,6 +59,10 @@ protected:
     Captures& out_;
 
 private:
+    // The direct children of `node` the cursor predicate `keep` accepts, in order.
+    template <class Keep>
+    std::vector<TSNode> collect_children(TSNode node, Keep keep);
+
     TSTreeCursor children_cursor_{};  // for children() and field_children(), during walk()
 };
 

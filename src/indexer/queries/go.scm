@@ -30,7 +30,7 @@
   name: (field_identifier) @name) @definition.method
 
 ; The grammar puts the commas of `const a, b = ...` in the name field too, and a field pattern
-; stops at the first name: the names are the spec's direct identifiers (its values sit in an
+; stops at the first name: the names are the const_spec's direct identifiers (its values sit in an
 ; expression_list).
 (source_file
   (const_declaration
