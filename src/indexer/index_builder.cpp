@@ -25,6 +25,7 @@
 #include "orvane_kestrix/indexer/file_walker.hpp"
 #include "orvane_kestrix/indexer/index_store.hpp"
 #include "orvane_kestrix/indexer/resolution.hpp"
+#include "orvane_kestrix/retrieval/retrieval_tables.hpp"
 #include "orvane_kestrix/storage/sqlite_schema.hpp"
 #include "orvane_kestrix/text/json_string.hpp"
 #include "orvane_kestrix/text/unicode.hpp"
@@ -619,6 +620,11 @@ IndexStats IndexBuilder::run() {
 
         if (std::none_of(stats.timings.begin(), stats.timings.end(), [](const auto& t) { return t.first == "parse"; })) {
             lap("parse");
+        }
+        // 5. The retriever's tables, for the files whose rows are missing or out of date.
+        if (!stats.cancelled && options_.retrieval_tables) {
+            retrieval::refresh_retrieval_tables(db, root, options_.jobs);
+            lap("retrieval");
         }
         stats.files = store.count_files();
         stats.symbols = store.count_symbols();

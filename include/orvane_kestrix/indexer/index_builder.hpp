@@ -52,6 +52,8 @@ struct IndexOptions {
     // Set from elsewhere (a signal handler) to stop at the next file; the index keeps every
     // completed batch and stays readable (a stopped rebuild leaves the previous index instead).
     const std::atomic<bool>* cancel = nullptr;
+    // Bring the retriever's tables (retrieval/retrieval_tables.hpp) up to date as well.
+    bool retrieval_tables = true;
     // Makes one parser per worker thread; default: the tree-sitter Extractor.
     std::function<ExtractFunction()> make_extractor;
 };
@@ -68,7 +70,7 @@ struct IndexStats {
     bool cancelled = false;
     // Wall seconds per phase, in order: "scan" (listing and comparing files), "parse"
     // (reading, parsing, writing), then, when other files' facts were recomputed, "load",
-    // "resolve" and "write".
+    // "resolve" and "write"; then "retrieval" when the retriever's tables were refreshed.
     std::vector<std::pair<std::string, double>> timings;
 
     std::int64_t skipped_total() const;

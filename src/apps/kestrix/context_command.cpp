@@ -13,6 +13,7 @@
 
 #include "command.hpp"
 #include "orvane_kestrix/indexer/index_builder.hpp"
+#include "orvane_kestrix/retrieval/sqlite_hybrid_retriever.hpp"
 #include "orvane_kestrix/storage/sqlite_repository.hpp"
 #include "orvane_kestrix/storage/sqlite_schema.hpp"
 #include "orvane_kestrix/workers/context_builder/context_builder.hpp"
@@ -37,6 +38,7 @@ struct ContextArguments {
     std::vector<std::string> deep;
     bool list_tests = false;
     bool pretty = false;
+    bool no_retriever = false;
 };
 
 std::string one_line(std::string text) {
@@ -84,7 +86,9 @@ int run_context(const ContextArguments& arguments) {
     try {
         if (!index_complete(db)) build_index(repo, db);
         SqliteRepository repository(db);
-        ContextBuilder builder(repository, nullptr, {.list_tests = arguments.list_tests});
+        std::optional<retrieval::SqliteHybridRetriever> retriever;
+        if (!arguments.no_retriever) retriever.emplace(repository.database());
+        ContextBuilder builder(repository, retriever ? &*retriever : nullptr, {.list_tests = arguments.list_tests});
 
         PackRequest request;
         request.task = arguments.task;
@@ -131,6 +135,8 @@ const CommandRegistrar registrar([](CLI::App& app, int& exit_code) {
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     command->add_flag("--list-tests", arguments->list_tests, "list the tests that cover the pack's files");
     command->add_flag("--pretty", arguments->pretty, "indent the JSON");
+    command->add_flag("--no-retriever", arguments->no_retriever,
+                      "seed the pack with keyword matches only, without the retriever's ranking");
     command->callback([arguments, command, &exit_code] {
         arguments->has_component = command->count("--component") > 0;
         exit_code = run_context(*arguments);

@@ -29,6 +29,7 @@ struct IndexArguments {
     unsigned jobs = 0;
     std::uint64_t max_file_size = 2 * 1024 * 1024;
     bool timings = false;
+    bool no_retriever = false;
 };
 
 // Redraws one status line on standard error, at most ten times a second.
@@ -75,6 +76,7 @@ int run_index(const IndexArguments& arguments) {
     options.rebuild = arguments.rebuild;
     options.jobs = arguments.jobs;
     options.max_file_size = arguments.max_file_size;
+    options.retrieval_tables = !arguments.no_retriever;
     options.cancel = &interrupted;
 
     ProgressBar bar;
@@ -130,6 +132,8 @@ const CommandRegistrar registrar([](CLI::App& app, int& exit_code) {
     command->add_option("--max-file-size", arguments->max_file_size, "skip files larger than this many bytes")
         ->capture_default_str();
     command->add_flag("--timings", arguments->timings, "print the seconds of each phase on standard error");
+    command->add_flag("--no-retriever", arguments->no_retriever,
+                      "leave the retriever's tables as they are (for comparing index times)");
     command->callback([arguments, &exit_code] { exit_code = run_index(*arguments); });
 });
 

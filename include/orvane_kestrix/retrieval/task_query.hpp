@@ -1,0 +1,34 @@
+#pragma once
+// Turns a task into the query the signals run (retrieval_signal.hpp): its mentions, the names
+// it writes, and the search words worth a full-text lookup.
+//
+// Words are chosen by how rare they are in the index: words no symbol or file holds are
+// dropped, words most symbols hold (over a fifth) say nothing, and of the rest the rarest
+// kMaxTerms are kept, within a budget of postings (the rows the full-text query then visits).
+// A long task (a pasted log) thus costs a bounded search: only its first kMaxCandidateWords
+// distinct words are even looked up.
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "orvane_kestrix/retrieval/retrieval_signal.hpp"
+#include "orvane_kestrix/workers/retrieval.hpp"
+
+namespace orvane_kestrix::retrieval {
+
+inline constexpr std::size_t kMaxCandidateWords = 256;
+inline constexpr std::size_t kMaxTerms = 24;
+inline constexpr std::int64_t kMaxPostings = 60000;
+
+// How many symbols and files hold a search word.
+struct WordFrequency {
+    std::int64_t symbols = 0;
+    std::int64_t files = 0;
+};
+
+RetrievalQuery make_task_query(const std::string& task, bool include_tests, Tokenizer& tokenizer,
+                               const std::function<WordFrequency(const std::string&)>& frequency,
+                               std::int64_t indexed_symbols);
+
+}  // namespace orvane_kestrix::retrieval

@@ -1,0 +1,30 @@
+#include "orvane_kestrix/retrieval/signals.hpp"
+
+namespace orvane_kestrix::retrieval {
+
+namespace {
+// Files scored; the rest of a long tail carries too little to matter.
+constexpr int kFiles = 40;
+}  // namespace
+
+SignalScores FileTextSignal::score(const RetrievalQuery& query, RetrievalContext& context) {
+    SignalScores out;
+    if (query.terms.empty()) {
+        out.unavailable = "the task has no words the files' text holds";
+        return out;
+    }
+    // A word in the path counts four times one in the text: paths name what a file is about.
+    storage::Statement q(context.db,
+                         "SELECT rowid, -bm25(retrieval_file_text, 4.0, 1.0) AS relevance FROM retrieval_file_text "
+                         "WHERE retrieval_file_text MATCH ?1 ORDER BY relevance DESC LIMIT ?2");
+    q.bind_static(1, query.match).bind(2, kFiles);
+    double best = 0;
+    while (q.step()) {
+        const double relevance = q.column_double(1);
+        if (best == 0) best = relevance;
+        if (best > 0) out.files[q.column_int64(0)] = relevance / best;
+    }
+    return out;
+}
+
+}  // namespace orvane_kestrix::retrieval

@@ -1,0 +1,72 @@
+#include "orvane_kestrix/retrieval/task_query.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <unordered_map>
+
+#include "orvane_kestrix/retrieval/retrieval_tables.hpp"
+#include "orvane_kestrix/retrieval/search_words.hpp"
+
+namespace orvane_kestrix::retrieval {
+
+namespace {
+constexpr std::size_t kMaxNames = 48;
+}  // namespace
+
+RetrievalQuery make_task_query(const std::string& task, bool include_tests, Tokenizer& tokenizer,
+                               const std::function<WordFrequency(const std::string&)>& frequency,
+                               std::int64_t indexed_symbols) {
+    RetrievalQuery query;
+    query.task = task;
+    query.include_tests = include_tests;
+    query.mentions = parse_task_mentions(task);
+    for (auto& name : tokenizer.query_names(task)) {
+        if (query.names.size() >= kMaxNames) break;
+        query.names.push_back(std::move(name));
+    }
+
+    // Distinct words in order of first appearance, with their counts.
+    std::vector<std::string> words;
+    std::unordered_map<std::string, std::size_t> count;
+    for_each_search_word(task, [&](std::string_view word, bool) {
+        auto [it, added] = count.try_emplace(std::string(word), 0);
+        ++it->second;
+        if (added && words.size() < kMaxCandidateWords) words.push_back(it->first);
+    });
+
+    struct Candidate {
+        std::string word;
+        WordFrequency df;
+        double idf;
+    };
+    std::vector<Candidate> candidates;
+    const double n = static_cast<double>(std::max<std::int64_t>(indexed_symbols, 1));
+    for (const auto& word : words) {
+        const WordFrequency df = frequency(word);
+        if (df.symbols == 0 && df.files == 0) continue;
+        if (static_cast<double>(df.symbols) > 0.2 * n) continue;
+        const double idf = std::log((n - static_cast<double>(df.symbols) + 0.5) / (static_cast<double>(df.symbols) + 0.5) + 1.0);
+        candidates.push_back({word, df, idf});
+    }
+    std::stable_sort(candidates.begin(), candidates.end(), [](const Candidate& a, const Candidate& b) { return a.idf > b.idf; });
+    std::int64_t postings = 0;
+    for (const auto& candidate : candidates) {
+        if (query.terms.size() >= kMaxTerms) break;
+        if (postings + candidate.df.symbols > kMaxPostings && !query.terms.empty()) continue;
+        postings += candidate.df.symbols;
+        query.terms.push_back(candidate.word);
+    }
+    if (!query.terms.empty()) {
+        std::string match = "(";
+        for (std::size_t i = 0; i < query.terms.size(); ++i) {
+            if (i > 0) match += " OR ";
+            match += '"' + query.terms[i] + '"';
+        }
+        match += ')';
+        if (!include_tests) match += std::string(" NOT \"") + kTestFileMarker + '"';
+        query.match = std::move(match);
+    }
+    return query;
+}
+
+}  // namespace orvane_kestrix::retrieval
