@@ -36,6 +36,7 @@ CREATE TABLE retrieval_symbol_rows(
   symbol_id INTEGER NOT NULL,
   PRIMARY KEY (file_id, symbol_id)
 ) WITHOUT ROWID;
+CREATE INDEX retrieval_ref_targets_by_ref ON ref_targets(ref_id);
 CREATE TABLE retrieval_file_state(
   file_id INTEGER PRIMARY KEY,
   content_hash TEXT NOT NULL,
@@ -50,6 +51,7 @@ DROP TABLE IF EXISTS retrieval_symbol_text;
 DROP TABLE IF EXISTS retrieval_file_text;
 DROP TABLE IF EXISTS retrieval_symbol_rows;
 DROP TABLE IF EXISTS retrieval_file_state;
+DROP INDEX IF EXISTS retrieval_ref_targets_by_ref;
 )sql";
 
 struct SymbolFacts {
@@ -75,6 +77,15 @@ struct FileJob {
 bool is_class_like(std::string_view kind) {
     return kind == "class" || kind == "interface" || kind == "struct" || kind == "trait" || kind == "enum" ||
            kind == "module" || kind == "namespace" || kind == "impl";
+}
+
+// Whether a line belongs to the definition below it: a comment line or an annotation.
+bool leads_member(std::string_view line) {
+    while (!line.empty() && (line.front() == ' ' || line.front() == '\t')) line.remove_prefix(1);
+    for (std::string_view start : {"/*", "*", "//", "#[", "@"}) {
+        if (line.starts_with(start)) return true;
+    }
+    return false;
 }
 
 std::optional<std::string> read_text(const fs::path& path) {
@@ -120,7 +131,12 @@ void describe(const fs::path& root, FileJob& job) {
             // The member definitions are rows of their own: the class keeps the lines between them.
             std::vector<std::pair<std::int64_t, std::int64_t>> holes;
             if (auto it = children.find(symbol.id); it != children.end()) {
-                for (std::size_t child : it->second) holes.emplace_back(job.symbols[child].start_line, job.symbols[child].end_line);
+                for (std::size_t child : it->second) {
+                    // A member's doc comment and annotations sit above it, and belong to it.
+                    std::int64_t first = job.symbols[child].start_line;
+                    while (first - 1 > symbol.start_line && leads_member(span(first - 1, first - 1))) --first;
+                    holes.emplace_back(first, job.symbols[child].end_line);
+                }
             }
             std::sort(holes.begin(), holes.end());
             for (const auto& [hole_from, hole_to] : holes) {

@@ -1,7 +1,6 @@
 #include <algorithm>
 
 #include "orvane_kestrix/retrieval/signals.hpp"
-#include "orvane_kestrix/storage/repository_fan_in.hpp"
 
 namespace orvane_kestrix::retrieval {
 
@@ -9,7 +8,8 @@ namespace {
 
 // Best symbols of the whole index, and of the leading files.
 constexpr int kSymbols = 300;
-constexpr int kFocusSymbols = 200;
+constexpr int kDepth = 3000;
+constexpr int kFocusSymbolsPerFile = 30;
 constexpr std::size_t kFocusFiles = 8;
 
 // Column weights: name, qualified name, signature, docstring, body, path. A word of the name
@@ -24,33 +24,35 @@ SignalScores SymbolTextSignal::score(const RetrievalQuery& query, RetrievalConte
         out.unavailable = "the task has no words the symbols' text holds";
         return out;
     }
-    std::unordered_map<std::int64_t, double> relevance;
-    storage::Statement all(context.db, "SELECT rowid, -" KESTRIX_SYMBOL_BM25 " AS relevance FROM retrieval_symbol_text "
-                                       "WHERE retrieval_symbol_text MATCH ?1 ORDER BY relevance DESC LIMIT ?2");
-    all.bind_static(1, query.match).bind(2, kSymbols);
-    while (all.step()) relevance[all.column_int64(0)] = all.column_double(1);
-
     // The files the earlier signals rank highest.
     std::vector<std::pair<double, std::int64_t>> files;
     for (const auto& [file, score] : context.file_fused) files.emplace_back(score, file);
     std::sort(files.begin(), files.end(), [](const auto& a, const auto& b) { return a.first > b.first || (a.first == b.first && a.second < b.second); });
     if (files.size() > kFocusFiles) files.resize(kFocusFiles);
-    if (!files.empty()) {
-        std::vector<std::int64_t> ids;
-        for (const auto& [score, file] : files) ids.push_back(file);
-        const std::string list = storage::json_array(ids);
-        storage::Statement focus(context.db,
-                                 "SELECT t.rowid, -" KESTRIX_SYMBOL_BM25 " AS relevance FROM retrieval_symbol_text AS t "
-                                 "WHERE retrieval_symbol_text MATCH ?1 AND t.rowid IN (SELECT r.symbol_id FROM "
-                                 "json_each(?2) AS j CROSS JOIN retrieval_symbol_rows AS r ON r.file_id = j.value) "
-                                 "ORDER BY relevance DESC LIMIT ?3");
-        focus.bind_static(1, query.match).bind_static(2, list).bind(3, kFocusSymbols);
-        while (focus.step()) relevance[focus.column_int64(0)] = focus.column_double(1);
-    }
+    std::unordered_map<std::int64_t, int> focus;
+    for (const auto& [score, file] : files) focus[file] = 0;
+
+    // BM25 needs every matching row scored before the best are known, so reading further down
+    // the ranking costs little: the leading symbols of the whole index are kept, and further
+    // down, those of the focus files.
+    storage::Statement ranked(context.db,
+                              "SELECT t.rowid, -" KESTRIX_SYMBOL_BM25 " AS relevance, r.file_id "
+                              "FROM retrieval_symbol_text AS t CROSS JOIN symbols AS r ON r.id = t.rowid "
+                              "WHERE retrieval_symbol_text MATCH ?1 ORDER BY relevance DESC LIMIT ?2");
+    ranked.bind_static(1, query.match).bind(2, kDepth);
     double best = 0;
-    for (const auto& [id, value] : relevance) best = std::max(best, value);
-    if (best <= 0) return out;
-    for (const auto& [id, value] : relevance) out.symbols[id] = value / best;
+    int row = 0;
+    while (ranked.step()) {
+        const double relevance = ranked.column_double(1);
+        if (row++ == 0) best = relevance;
+        if (best <= 0) break;
+        if (row > kSymbols) {
+            auto it = focus.find(ranked.column_int64(2));
+            if (it == focus.end() || it->second >= kFocusSymbolsPerFile) continue;
+            ++it->second;
+        }
+        out.symbols[ranked.column_int64(0)] = relevance / best;
+    }
     return out;
 }
 

@@ -108,8 +108,17 @@ void set_function(TraceFrame& frame, std::string_view qualified) {
     std::vector<std::string> parts;
     for (std::string_view part : qualified_parts(qualified)) {
         if (is_hash_part(part) || part.find("{{") != std::string_view::npos || part.find('<') != std::string_view::npos) continue;
-        // Java inner and anonymous classes: Outer$Inner, Outer$1.
-        if (auto dollar = part.find('$'); dollar != std::string_view::npos && dollar > 0) part = part.substr(0, dollar);
+        // Java inner and anonymous classes: Outer$Inner is Inner, Outer$1 is Outer.
+        while (true) {
+            const auto dollar = part.rfind('$');
+            if (dollar == std::string_view::npos || dollar == 0) break;
+            const std::string_view inner = part.substr(dollar + 1);
+            if (!inner.empty() && !all_digits(inner)) {
+                part = inner;
+                break;
+            }
+            part = part.substr(0, dollar);
+        }
         std::string clean = clean_part(part);
         if (clean.empty() || all_digits(clean)) continue;
         parts.push_back(std::move(clean));
@@ -279,7 +288,7 @@ private:
             pending_function_ = std::string(*name);
             return;
         }
-        if (auto name = go_function_line(line); name && line.find(' ') == std::string_view::npos) {
+        if (auto name = go_function_line(line)) {
             pending_function_ = std::string(*name);
             return;
         }

@@ -123,7 +123,7 @@ TEST_F(ContextCommandTest, IndexesOnFirstUseAndPacksTheNamedFunctionFirst) {
              {"Speed up formatPrice", "web.src.format.formatPrice"},
              {"Handle errors in parse", "parser.parse"},
          }) {
-        const ToolRun run = context(task);
+        const ToolRun run = context(task, {"--no-retriever"});
         ASSERT_EQ(run.status, 0) << run.err;
         const auto fqns = symbol_fqns(run.json());
         ASSERT_FALSE(fqns.empty()) << task;
@@ -143,11 +143,20 @@ TEST_F(ContextCommandTest, ComponentKeepsToItsFiles) {
         {{"--component", "go"}, {"geometry.format"}},
         {{"--component", "docs"}, {}},
     };
-    for (const auto& c : cases) {
+    for (auto c : cases) {
+        c.extra.push_back("--no-retriever");
         const ToolRun run = context("Fix format and formatPrice rounding", c.extra);
         ASSERT_EQ(run.status, 0) << run.err;
         Json pack = run.json();
-        EXPECT_EQ(symbol_fqns(pack), c.fqns) << (c.extra.empty() ? "" : c.extra[1]);
+        EXPECT_EQ(symbol_fqns(pack), c.fqns) << c.extra[0];
+    }
+    // The retriever's seeds keep to the component as well.
+    for (const std::string component : {"web", "go"}) {
+        const ToolRun run = context("Fix format and formatPrice rounding", {"--component", component});
+        ASSERT_EQ(run.status, 0) << run.err;
+        const Json pack = run.json();
+        ASSERT_FALSE(pack.at("files").empty()) << component;
+        for (const auto& file : pack.at("files")) EXPECT_EQ(file.get<std::string>().rfind(component + "/", 0), 0u) << file;
     }
 }
 
@@ -208,6 +217,29 @@ TEST_F(ContextCommandTest, FailuresExitNonZeroWithOneLine) {
     const ToolRun no_repo = kestrix({"context", "x", "--repo", (*dir_ / "missing").string()});
     EXPECT_NE(no_repo.status, 0);
     EXPECT_NE(no_repo.err.find("not a directory"), std::string::npos) << no_repo.err;
+}
+
+// Packs without the retriever are the keyword packs of the tool before it had one, byte for
+// byte: the golden file holds that tool's output for a table of tasks and options, over an
+// index made by one parser thread (symbol ids, which break ties, then follow the file order).
+TEST_F(ContextCommandTest, NoRetrieverGivesTheKeywordPacks) {
+    const fs::path db = *dir_ / "one-thread.db";
+    const ToolRun index = kestrix({"index", "--repo", repo().string(), "--db", db.string(), "--jobs", "1"});
+    ASSERT_EQ(index.status, 0) << index.err;
+    std::ifstream golden(fs::path(KESTRIX_TEST_DATA) / "golden" / "keyword_packs.jsonl");
+    std::string line;
+    int compared = 0;
+    while (std::getline(golden, line)) {
+        const Json entry = Json::parse(line);
+        std::vector<std::string> extra = {"--no-retriever", "--db", db.string()};
+        const auto arguments = entry.at("arguments").get<std::vector<std::string>>();
+        extra.insert(extra.end(), arguments.begin() + 1, arguments.end());
+        const ToolRun run = context(arguments.at(0), extra);
+        ASSERT_EQ(run.status, 0) << run.err;
+        EXPECT_EQ(run.out, entry.at("pack").get<std::string>()) << line;
+        ++compared;
+    }
+    EXPECT_EQ(compared, 48);
 }
 
 }  // namespace

@@ -17,6 +17,8 @@
 //       that a changed file's rows can be deleted after its symbols are gone.
 //   retrieval_file_state(file_id, content_hash, is_test): what each file's rows were made
 //       from; a file whose hash or test flag differs is described again.
+//   retrieval_ref_targets_by_ref: an index of ref_targets by reference, so that the symbols a
+//       symbol uses can be found from its references (the reference graph signal).
 //   meta "retrieval_revision": the format of these tables; another value remakes them.
 
 #include <cstdint>
@@ -27,7 +29,7 @@
 namespace orvane_kestrix::retrieval {
 
 inline constexpr const char* kRetrievalRevisionKey = "retrieval_revision";
-inline constexpr const char* kRetrievalRevision = "1";
+inline constexpr const char* kRetrievalRevision = "2";
 // The word a test file's rows carry in their path column, so that a search can leave them out
 // inside the full-text query ("... NOT kxtestfile").
 inline constexpr const char* kTestFileMarker = "kxtestfile";
