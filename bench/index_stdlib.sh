@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Indexes this machine's Python standard library from scratch and prints files/s, MB/s,
 # symbols, references, peak memory and wall time; runs universal-ctags over the same tree for
-# comparison; then times a no-op re-index and a re-index after changing 10 files.
+# comparison, and the full index without the retriever's tables (`--no-retriever`) beside it;
+# then times a no-op re-index and a re-index after changing 10 files.
 #
 #   bench/index_stdlib.sh [KESTRIX_BINARY]      (default: build/kestrix)
 #
@@ -36,6 +37,7 @@ runs=3
 median() { printf '%s\n' "$@" | sort -g | awk '{v[NR] = $1} END {print v[int((NR + 1) / 2)]}'; }
 ctags_walls=()
 full_walls=()
+plain_walls=()
 full_runs_peak=()
 full_runs_timings=()
 for ((run = 1; run <= runs; run++)); do
@@ -48,7 +50,13 @@ for ((run = 1; run <= runs; run++)); do
   full_runs_peak+=("$peak_kb")
   full_runs_timings+=("$(cat "$work/err.txt")")
   summary=$(cat "$work/out.txt")
+  rm -f "$work/plain.db" "$work/plain.db-wal" "$work/plain.db-shm"
+  measure "$kestrix" index --repo "$tree" --db "$work/plain.db" --no-retriever
+  plain_walls+=("$wall")
 done
+plain_wall=$(median "${plain_walls[@]}")
+full_size=$(stat -c %s "$db")
+plain_size=$(stat -c %s "$work/plain.db")
 ctags_wall=$(median "${ctags_walls[@]}")
 ctags_tags=$(wc -l <"$work/tags.json")
 full_wall=$(median "${full_walls[@]}")
@@ -79,9 +87,11 @@ touched_timings=$(cat "$work/err.txt")
 touched_summary=$(cat "$work/out.txt")
 
 python3 - "$full_wall" "$full_peak_kb" "$files" "$bytes" "$symbols" "$references" "$resolved" \
-  "$ctags_wall" "$ctags_tags" "$noop_wall" "$touched_wall" "$(nproc)" <<'EOF'
+  "$ctags_wall" "$ctags_tags" "$noop_wall" "$touched_wall" "$(nproc)" "$plain_wall" "$full_size" "$plain_size" <<'EOF'
 import sys
-(full, peak_kb, files, size, symbols, refs, resolved, ctags, tags, noop, touched, cores) = sys.argv[1:]
+(full, peak_kb, files, size, symbols, refs, resolved, ctags, tags, noop, touched, cores, plain, full_size,
+ plain_size) = sys.argv[1:]
+plain, full_size, plain_size = float(plain), int(full_size), int(plain_size)
 full, ctags, noop, touched = float(full), float(ctags), float(noop), float(touched)
 files, size, symbols, refs, resolved = int(files), int(size), int(symbols), int(refs), int(resolved)
 peak_mb = int(peak_kb) / 1024
@@ -92,6 +102,8 @@ print(f"symbols:           {symbols}")
 print(f"references:        {refs} ({resolved} resolved to a definition)")
 print(f"peak memory:       {peak_mb:.0f} MB")
 print(f"ctags:             {ctags:.2f} s wall, {int(tags)} tags; index/ctags = {ratio:.2f}x (medians of 3 runs each)")
+print(f"retriever tables:  {full:.2f} s with, {plain:.2f} s without (--no-retriever): {full / plain:.2f}x; "
+      f"index {full_size / 1e6:.1f} MB with, {plain_size / 1e6:.1f} MB without (medians of 3 runs each)")
 print(f"no-op re-index:    {noop:.3f} s")
 print(f"10 files changed:  {touched:.3f} s")
 checks = [
@@ -99,6 +111,7 @@ checks = [
     (">= 500 files/s", files / full >= 500),
     ("no-op re-index < 0.3 s", noop < 0.3),
     ("peak memory < 500 MB", peak_mb < 500),
+    ("retriever tables <= 1.3x", full <= 1.3 * plain),
 ]
 print("targets:           " + ", ".join(f"{name}: {'met' if ok else 'MISSED'}" for name, ok in checks))
 EOF

@@ -1,16 +1,19 @@
 #!/usr/bin/env python3
-"""Packs the localization development set with `kestrix context` and scores the packs, reusing
-exported checkouts and their indexes between runs.
+"""Scores `kestrix context --budget 800` on the localization development set
+(../shared/retrieval-dev, or $RETRIEVAL_DEV) and prints the scorer's table beside the BM25
+baseline's, for the same instances.
 
-    bench/retrieval_dev.py --cache DIR [--mirror-root DIR] [--source S] [--repo R] [--ids A,B]
-                           [--limit N] [--jobs J] [--kestrix PATH] [--results FILE] [--export-only]
+    bench/retrieval_dev.sh --mirror-root DIR [--source S] [--repo R] [--ids A,B] [--limit N]
+                           [--jobs J] [--kestrix PATH] [--results FILE] [--no-retriever]
+                           [--cache DIR [--export-only]]
 
-The scorer's own run (bench/retrieval_dev.sh without --cache) exports every base commit afresh
-and indexes it for each run; tuning the ranking needs the packing alone again. Here each
-instance's checkout is exported once into CACHE/<id>/repo and indexed into CACHE/<id>/index.db;
-later runs refresh that index (`kestrix index`, which rebuilds only what changed, including the
-retriever's tables when their format moved on) and pack again. Scoring and the table are the
-scorer's own functions (tools/evaluate.py), so the figures compare with its runs.
+Without --cache the scorer (tools/evaluate.py) runs as it is: every base commit is exported
+afresh, indexed by the pack command's first run, packed and scored. With --cache DIR, meant for
+tuning, each instance's checkout is exported once into DIR/<id>/repo and indexed into
+DIR/<id>/index.db; later runs refresh that index (`kestrix index`, which redoes only what
+changed, the retriever's tables included when their format moved on) and pack again. Scoring
+and tables are the scorer's own functions either way. The baseline's figures are its stored
+per-instance results (results/bm25.results.jsonl), never rerun.
 """
 
 from __future__ import annotations
@@ -25,7 +28,7 @@ import threading
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-DEV = os.environ.get("RETRIEVAL_DEV", "/work/shared/retrieval-dev")
+DEV = os.environ.get("RETRIEVAL_DEV", os.path.join(HERE, "..", "..", "shared", "retrieval-dev"))
 sys.path.insert(0, os.path.join(DEV, "tools"))
 import evaluate  # noqa: E402  (the scorer: export, scoring and table)
 
@@ -70,7 +73,7 @@ def pack(inst, base, repo_dir, kestrix, extra):
 
 def main():
     ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    ap.add_argument("--cache", required=True)
+    ap.add_argument("--cache")
     ap.add_argument("--mirror-root", action="append", default=None)
     ap.add_argument("--mirror", action="append", default=None)
     ap.add_argument("--dataset", default=os.path.join(DEV, "dataset.jsonl"))
@@ -95,9 +98,12 @@ def main():
         data = [d for d in data if d["id"] in keep]
     if args.limit:
         data = data[:args.limit]
-    mirrors = evaluate.find_mirrors(args, wanted={d["repo"] for d in data})
     kestrix = None if args.export_only else os.path.realpath(args.kestrix)
     extra = ["--no-retriever"] if args.no_retriever else []
+    if not args.cache:
+        run_scorer(args, data, kestrix, extra)
+        return
+    mirrors = evaluate.find_mirrors(args, wanted={d["repo"] for d in data})
 
     results, lock = [], threading.Lock()
     t0 = time.monotonic()
@@ -125,8 +131,48 @@ def main():
         with open(args.results, "w", encoding="utf-8") as fh:
             for r in results:
                 fh.write(json.dumps(r) + "\n")
-    print(evaluate.format_table(evaluate.summarize(results)))
-    print(f"\n{len(results)} instances in {time.monotonic() - t0:.0f}s wall (jobs={args.jobs})")
+    print(f"{len(results)} instances in {time.monotonic() - t0:.0f}s wall (jobs={args.jobs})\n")
+    report(results)
+
+
+def run_scorer(args, data, kestrix, extra):
+    """The scorer's own run: export, index, pack and score every instance."""
+    import shlex
+    import tempfile
+    results_path = args.results or os.path.join(tempfile.mkdtemp(prefix="kx-dev-"), "results.jsonl")
+    cmd = (f"{shlex.quote(kestrix)} context --repo {{repo_dir}} --db {{repo_dir}}/.kx.db --budget 800 "
+           + " ".join(extra) + ' "$(cat {task_file})"')
+    argv = [sys.executable, os.path.join(DEV, "tools", "evaluate.py"), "--cmd", cmd, "--jobs", str(args.jobs),
+            "--results", results_path, "--ids", ",".join(d["id"] for d in data)]
+    for root in args.mirror_root or []:
+        argv += ["--mirror-root", root]
+    for mirror in args.mirror or []:
+        argv += ["--mirror", mirror]
+    subprocess.run(argv, check=True)
+    print()
+    report(evaluate.load_jsonl(results_path))
+
+
+def report(results):
+    """Our table, the baseline's table over the same instances, and the two side by side."""
+    ours = evaluate.summarize(results)
+    ids = {r["id"] for r in results}
+    baseline_results = [r for r in evaluate.load_jsonl(os.path.join(DEV, "results", "bm25.results.jsonl")) if r["id"] in ids]
+    baseline = evaluate.summarize(baseline_results)
+    print("kestrix context --budget 800:")
+    print(evaluate.format_table(ours))
+    print("\nBM25 baseline (stored results, same instances):")
+    print(evaluate.format_table(baseline))
+    print("\nside by side (kestrix / baseline):")
+    print("| group | n | Acc@1 | Acc@5 | MRR | symHit@5 | symR@10 |")
+    print("|---|---|---|---|---|---|---|")
+    for key, row in ours.items():
+        base = baseline.get(key, {})
+        cells = []
+        for metric in ("file_acc1", "file_acc5", "file_mrr", "sym_hit5", "sym_recall10"):
+            a, b = row.get(metric), base.get(metric)
+            cells.append("-" if a is None else f"{a:.3f} / {'-' if b is None else f'{b:.3f}'}")
+        print(f"| {key} | {row['n']} | " + " | ".join(cells) + " |")
 
 
 if __name__ == "__main__":

@@ -14,8 +14,10 @@ SignalScores FileTextSignal::score(const RetrievalQuery& query, RetrievalContext
         return out;
     }
     // A word in the path counts four times one in the text: paths name what a file is about.
+    // Rows without a state row describe content that is gone (retrieval_tables.hpp).
     storage::Statement q(context.db,
-                         "SELECT rowid, -bm25(retrieval_file_text, 4.0, 1.0) AS relevance FROM retrieval_file_text "
+                         "SELECT s.file_id, -bm25(retrieval_file_text, 4.0, 1.0) AS relevance FROM retrieval_file_text AS t "
+                         "CROSS JOIN retrieval_file_state AS s ON s.doc_id = t.rowid "
                          "WHERE retrieval_file_text MATCH ?1 ORDER BY relevance DESC LIMIT ?2");
     q.bind_static(1, query.match).bind(2, kFiles);
     double best = 0;

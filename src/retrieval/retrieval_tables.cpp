@@ -1,6 +1,7 @@
 #include "orvane_kestrix/retrieval/retrieval_tables.hpp"
 
 #include <algorithm>
+#include <charconv>
 #include <atomic>
 #include <fstream>
 #include <optional>
@@ -20,27 +21,29 @@ using storage::Statement;
 
 namespace {
 
-// A word past this many repeats in one column adds little to BM25 (its term frequency
-// saturates) and only makes the tables larger.
-constexpr std::size_t kSymbolRepeats = 3;
-constexpr std::size_t kFileRepeats = 4;
+// Rows written but describing content that is gone (a changed or removed file's old rows)
+// stay in the contentless tables until they outnumber a quarter of the live rows; then the
+// tables are rebuilt whole. Readers skip them: their symbol ids no longer exist, their file
+// rows have no state row.
+constexpr std::int64_t kMinStaleForRebuild = 2000;
+constexpr const char* kStaleRowsKey = "retrieval_stale_rows";
+constexpr const char* kLastDocKey = "retrieval_last_doc_id";
 
 constexpr const char* kTables = R"sql(
 CREATE VIRTUAL TABLE retrieval_symbol_text USING fts5(
-  name, qualified, signature, doc, body, path, tokenize = 'ascii');
-CREATE VIRTUAL TABLE retrieval_file_text USING fts5(path, body, tokenize = 'ascii');
+  name, qualified, signature, doc, body, tokenize = 'ascii', content = '');
+CREATE VIRTUAL TABLE retrieval_file_text USING fts5(path, body, tokenize = 'ascii', content = '');
+INSERT INTO retrieval_symbol_text(retrieval_symbol_text, rank) VALUES ('hashsize', 33554432);
+INSERT INTO retrieval_file_text(retrieval_file_text, rank) VALUES ('hashsize', 33554432);
 CREATE VIRTUAL TABLE retrieval_symbol_vocab USING fts5vocab(retrieval_symbol_text, 'row');
 CREATE VIRTUAL TABLE retrieval_file_vocab USING fts5vocab(retrieval_file_text, 'row');
-CREATE TABLE retrieval_symbol_rows(
-  file_id INTEGER NOT NULL,
-  symbol_id INTEGER NOT NULL,
-  PRIMARY KEY (file_id, symbol_id)
-) WITHOUT ROWID;
 CREATE INDEX retrieval_ref_targets_by_ref ON ref_targets(ref_id);
 CREATE TABLE retrieval_file_state(
   file_id INTEGER PRIMARY KEY,
+  doc_id INTEGER NOT NULL UNIQUE,
   content_hash TEXT NOT NULL,
-  is_test INTEGER NOT NULL
+  is_test INTEGER NOT NULL,
+  symbol_rows INTEGER NOT NULL
 );
 )sql";
 
@@ -62,6 +65,11 @@ struct SymbolFacts {
     std::optional<std::string> signature, docstring;
 };
 
+// The columns of one symbol's row.
+struct SymbolRow {
+    std::string name, qualified, signature, doc, body;
+};
+
 struct FileJob {
     std::int64_t id = 0;
     std::string path;
@@ -69,9 +77,9 @@ struct FileJob {
     bool is_test = false;
     std::vector<SymbolFacts> symbols;
     // Filled by the workers.
+    std::string path_words;
     std::string file_body;
-    std::vector<std::string> symbol_bodies;
-    bool readable = false;
+    std::vector<SymbolRow> rows;
 };
 
 bool is_class_like(std::string_view kind) {
@@ -96,28 +104,126 @@ std::optional<std::string> read_text(const fs::path& path) {
     return std::move(text).str();
 }
 
-// Builds the body documents of one file's symbols and the file's own document.
-void describe(const fs::path& root, FileJob& job) {
-    const auto text = read_text(root / job.path);
-    job.symbol_bodies.assign(job.symbols.size(), std::string());
-    if (!text) return;
-    job.readable = true;
-    job.file_body = search_document(*text, kFileRepeats);
-
-    // Byte offset of the start of each line (1-based lines; one extra entry for the end).
-    std::vector<std::size_t> line_start{0, 0};
-    for (std::size_t i = 0; i < text->size(); ++i) {
-        if ((*text)[i] == '\n') line_start.push_back(i + 1);
+// A file's search words, each distinct word stored once, and the line of every occurrence.
+// Identifiers repeat a great deal within a file, so each distinct identifier is split and
+// stemmed once.
+class FileWords {
+public:
+    explicit FileWords(std::string_view text) : text_(text) {
+        line_start_ = {0, 0};
+        for (std::size_t i = 0; i < text.size(); ++i) {
+            if (text[i] == '\n') line_start_.push_back(i + 1);
+        }
+        line_start_.push_back(text.size());
+        for (std::size_t line = 1; line + 1 < line_start_.size(); ++line) {
+            current_line_ = static_cast<std::uint32_t>(line);
+            detail::scan_identifiers(text.substr(line_start_[line], line_start_[line + 1] - line_start_[line]), this,
+                                     [](void* self, std::string_view identifier) {
+                                         static_cast<FileWords*>(self)->add_identifier(identifier);
+                                     });
+        }
     }
-    line_start.push_back(text->size());
-    const auto lines = static_cast<std::int64_t>(line_start.size() - 2);
-    auto span = [&](std::int64_t from, std::int64_t to) -> std::string_view {
-        from = std::clamp<std::int64_t>(from, 1, std::max<std::int64_t>(lines, 1));
-        to = std::clamp<std::int64_t>(to, from, std::max<std::int64_t>(lines, 1));
-        const std::size_t begin = line_start[static_cast<std::size_t>(from)];
-        const std::size_t end = line_start[static_cast<std::size_t>(to) + 1];
-        return std::string_view(*text).substr(begin, end - begin);
-    };
+
+    std::int64_t lines() const { return static_cast<std::int64_t>(line_start_.size()) - 2; }
+    std::string_view line_text(std::int64_t line) const {
+        if (line < 1 || line > lines()) return {};
+        const auto at = static_cast<std::size_t>(line);
+        return text_.substr(line_start_[at], line_start_[at + 1] - line_start_[at]);
+    }
+
+    // Every word, repeated by how often it occurs: 1 + (4 or more) + (16 or more). Term
+    // frequency keeps its order of magnitude, the document a fraction of its length.
+    std::string file_document() const {
+        std::vector<std::uint32_t> count(words_.size(), 0);
+        for (const auto& [line, word] : tokens_) ++count[word];
+        std::string out;
+        for (std::size_t w = 0; w < words_.size(); ++w) {
+            const int repeats = 1 + (count[w] >= 4 ? 1 : 0) + (count[w] >= 16 ? 1 : 0);
+            for (int r = 0; r < repeats; ++r) append(out, words_[w]);
+        }
+        return out;
+    }
+
+    // The distinct words of lines [from, to], leaving out the `holes` (sorted line ranges).
+    std::string distinct_words(std::int64_t from, std::int64_t to, const std::vector<std::pair<std::int64_t, std::int64_t>>& holes) {
+        ++stamp_;
+        if (seen_.size() < words_.size()) seen_.resize(words_.size(), 0);
+        std::string out;
+        auto take = [&](std::int64_t a, std::int64_t b) {
+            if (a > b) return;
+            auto it = std::lower_bound(tokens_.begin(), tokens_.end(), std::pair<std::uint32_t, std::uint32_t>(static_cast<std::uint32_t>(std::max<std::int64_t>(a, 0)), 0));
+            for (; it != tokens_.end() && it->first <= b; ++it) {
+                if (seen_[it->second] == stamp_) continue;
+                seen_[it->second] = stamp_;
+                append(out, words_[it->second]);
+            }
+        };
+        for (const auto& [hole_from, hole_to] : holes) {
+            take(from, std::min(to, hole_from - 1));
+            from = std::max(from, hole_to + 1);
+        }
+        take(from, to);
+        return out;
+    }
+
+private:
+    static void append(std::string& out, const std::string& word) {
+        if (!out.empty()) out += ' ';
+        out += word;
+    }
+
+    void add_identifier(std::string_view identifier) {
+        auto [it, added] = identifiers_.try_emplace(identifier);
+        if (added) {
+            detail::split_identifier(identifier, this, [](void* self, std::string_view word, bool) {
+                auto* words = static_cast<FileWords*>(self);
+                auto [slot, fresh] = words->word_ids_.try_emplace(std::string(word), static_cast<std::uint32_t>(words->words_.size()));
+                if (fresh) words->words_.push_back(slot->first);
+                words->split_.push_back(slot->second);
+            });
+            it->second = {split_start_, static_cast<std::uint32_t>(split_.size()) - split_start_};
+            split_start_ = static_cast<std::uint32_t>(split_.size());
+        }
+        for (std::uint32_t k = 0; k < it->second.second; ++k) tokens_.emplace_back(current_line_, split_[it->second.first + k]);
+    }
+
+    std::string_view text_;
+    std::vector<std::size_t> line_start_;
+    std::uint32_t current_line_ = 0;
+    std::unordered_map<std::string_view, std::pair<std::uint32_t, std::uint32_t>> identifiers_;  // -> range of split_
+    std::vector<std::uint32_t> split_;
+    std::uint32_t split_start_ = 0;
+    std::unordered_map<std::string, std::uint32_t> word_ids_;
+    std::vector<std::string> words_;
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> tokens_;  // (line, word), in text order
+    std::vector<std::uint32_t> seen_;
+    std::uint32_t stamp_ = 0;
+};
+
+// Builds the rows of one file: the file's own and one per symbol.
+void describe(const fs::path& root, FileJob& job) {
+    job.path_words = search_document(job.path);
+    if (job.is_test) {
+        job.path_words += ' ';
+        job.path_words += kTestFileMarker;
+    }
+    job.rows.assign(job.symbols.size(), SymbolRow());
+    for (std::size_t i = 0; i < job.symbols.size(); ++i) {
+        const SymbolFacts& symbol = job.symbols[i];
+        SymbolRow& row = job.rows[i];
+        row.name = search_document(symbol.name);
+        row.qualified = search_document(symbol.fqn);
+        if (job.is_test) {
+            row.qualified += ' ';
+            row.qualified += kTestFileMarker;
+        }
+        if (symbol.signature) row.signature = search_document(*symbol.signature, 1);
+        if (symbol.docstring) row.doc = search_document(*symbol.docstring, 1);
+    }
+    const auto text = read_text(root / job.path);
+    if (!text) return;
+    FileWords words(*text);
+    job.file_body = words.file_document();
 
     std::unordered_map<std::int64_t, std::vector<std::size_t>> children;
     for (std::size_t i = 0; i < job.symbols.size(); ++i) {
@@ -125,27 +231,20 @@ void describe(const fs::path& root, FileJob& job) {
     }
     for (std::size_t i = 0; i < job.symbols.size(); ++i) {
         const SymbolFacts& symbol = job.symbols[i];
-        SearchDocument body(kSymbolRepeats);
-        std::int64_t from = symbol.start_line;
+        std::vector<std::pair<std::int64_t, std::int64_t>> holes;
         if (is_class_like(symbol.kind)) {
             // The member definitions are rows of their own: the class keeps the lines between them.
-            std::vector<std::pair<std::int64_t, std::int64_t>> holes;
             if (auto it = children.find(symbol.id); it != children.end()) {
                 for (std::size_t child : it->second) {
                     // A member's doc comment and annotations sit above it, and belong to it.
                     std::int64_t first = job.symbols[child].start_line;
-                    while (first - 1 > symbol.start_line && leads_member(span(first - 1, first - 1))) --first;
+                    while (first - 1 > symbol.start_line && leads_member(words.line_text(first - 1))) --first;
                     holes.emplace_back(first, job.symbols[child].end_line);
                 }
             }
             std::sort(holes.begin(), holes.end());
-            for (const auto& [hole_from, hole_to] : holes) {
-                if (hole_from > from) body.add(span(from, hole_from - 1));
-                from = std::max(from, hole_to + 1);
-            }
         }
-        if (from <= symbol.end_line) body.add(span(from, symbol.end_line));
-        job.symbol_bodies[i] = body.take();
+        job.rows[i].body = words.distinct_words(symbol.start_line, symbol.end_line, holes);
     }
 }
 
@@ -179,70 +278,101 @@ bool has_retrieval_tables(Database& db) {
     return storage::read_meta(db, kRetrievalRevisionKey).value_or("") == kRetrievalRevision;
 }
 
+namespace {
+
+std::int64_t meta_int(Database& db, const char* key) {
+    const std::string text = storage::read_meta(db, key).value_or("0");
+    std::int64_t value = 0;
+    std::from_chars(text.data(), text.data() + text.size(), value);
+    return value;
+}
+
+}  // namespace
+
 RetrievalRefreshStats refresh_retrieval_tables(Database& db, const fs::path& root, unsigned jobs) {
     RetrievalRefreshStats stats;
     storage::Transaction transaction(db);
-    if (storage::read_meta(db, kRetrievalRevisionKey).value_or("") != kRetrievalRevision ||
-        !table_exists(db, "retrieval_file_state")) {
+    if (!has_retrieval_tables(db)) {
         db.exec(kDropTables);
         db.exec(kTables);
         storage::write_meta(db, kRetrievalRevisionKey, kRetrievalRevision);
+        storage::write_meta(db, kStaleRowsKey, "0");
     }
 
     struct State {
         std::string content_hash;
         bool is_test = false;
+        std::int64_t symbol_rows = 0;
     };
     std::unordered_map<std::int64_t, State> state;
     {
-        Statement q(db, "SELECT file_id, content_hash, is_test FROM retrieval_file_state");
-        while (q.step()) state[q.column_int64(0)] = {q.column_string(1), q.column_int64(2) != 0};
+        Statement q(db, "SELECT file_id, content_hash, is_test, symbol_rows FROM retrieval_file_state");
+        while (q.step()) state[q.column_int64(0)] = {q.column_string(1), q.column_int64(2) != 0, q.column_int64(3)};
     }
-    std::vector<FileJob> to_describe;
-    std::vector<std::int64_t> to_drop;
+    std::vector<FileJob> all_files;
+    std::vector<std::size_t> to_describe;
+    std::vector<std::int64_t> to_forget;  // state rows to delete
+    std::int64_t stale = meta_int(db, kStaleRowsKey);
+    std::int64_t live = 0;
+    bool same_ids = false;  // a file to describe whose symbols keep their ids (only its flags changed)
     {
         Statement q(db, "SELECT id, path, content_hash, is_test FROM files WHERE is_source = 1 ORDER BY id");
         while (q.step()) {
-            const std::int64_t id = q.column_int64(0);
-            const bool is_test = q.column_int64(3) != 0;
-            const std::string_view hash = q.column_text(2);
-            auto it = state.find(id);
-            if (it != state.end()) {
-                const bool same = it->second.content_hash == hash && it->second.is_test == is_test;
-                state.erase(it);
-                if (same) continue;
-                to_drop.push_back(id);
-            }
             FileJob job;
-            job.id = id;
+            job.id = q.column_int64(0);
             job.path = q.column_string(1);
-            job.content_hash = std::string(hash);
-            job.is_test = is_test;
-            to_describe.push_back(std::move(job));
+            job.content_hash = q.column_string(2);
+            job.is_test = q.column_int64(3) != 0;
+            auto it = state.find(job.id);
+            bool current = false;
+            if (it != state.end()) {
+                current = it->second.content_hash == job.content_hash && it->second.is_test == job.is_test;
+                same_ids |= !current && it->second.content_hash == job.content_hash;
+                if (current) {
+                    live += it->second.symbol_rows + 1;
+                } else {
+                    stale += it->second.symbol_rows + 1;
+                    to_forget.push_back(job.id);
+                }
+                state.erase(it);
+            }
+            if (!current) to_describe.push_back(all_files.size());
+            all_files.push_back(std::move(job));
         }
     }
     // What remains in `state` is gone from the index, or no longer source code.
-    for (const auto& [id, old] : state) to_drop.push_back(id);
+    for (const auto& [id, old] : state) {
+        stale += old.symbol_rows + 1;
+        to_forget.push_back(id);
+    }
     stats.dropped = static_cast<std::int64_t>(state.size());
 
-    if (!to_drop.empty()) {
-        Statement drop_symbols(db, "DELETE FROM retrieval_symbol_text WHERE rowid IN "
-                                   "(SELECT symbol_id FROM retrieval_symbol_rows WHERE file_id = ?)");
-        Statement drop_rows(db, "DELETE FROM retrieval_symbol_rows WHERE file_id = ?");
-        Statement drop_file(db, "DELETE FROM retrieval_file_text WHERE rowid = ?");
-        Statement drop_state(db, "DELETE FROM retrieval_file_state WHERE file_id = ?");
-        for (std::int64_t id : to_drop) {
-            for (Statement* statement : {&drop_symbols, &drop_rows, &drop_file, &drop_state}) {
-                statement->bind(1, id);
-                statement->run();
-            }
+    // Symbols that kept their ids cannot be written again beside their old rows, and stale rows
+    // past a quarter of the live ones cost the searches more than a rebuild costs once.
+    if (same_ids || stale > std::max(kMinStaleForRebuild, live / 4)) {
+        db.exec("INSERT INTO retrieval_symbol_text(retrieval_symbol_text) VALUES ('delete-all');"
+                "INSERT INTO retrieval_file_text(retrieval_file_text) VALUES ('delete-all');"
+                "DELETE FROM retrieval_file_state;");
+        stale = 0;
+        to_forget.clear();
+        to_describe.clear();
+        for (std::size_t i = 0; i < all_files.size(); ++i) to_describe.push_back(i);
+    }
+    {
+        Statement forget(db, "DELETE FROM retrieval_file_state WHERE file_id = ?");
+        for (std::int64_t id : to_forget) {
+            forget.bind(1, id);
+            forget.run();
         }
     }
 
-    if (!to_describe.empty()) {
+    std::vector<FileJob> jobs_to_run;
+    jobs_to_run.reserve(to_describe.size());
+    for (std::size_t index : to_describe) jobs_to_run.push_back(std::move(all_files[index]));
+    if (!jobs_to_run.empty()) {
         Statement symbols(db, "SELECT id, parent_id, name, fqn, kind, start_line, end_line, signature, docstring "
                               "FROM symbols WHERE file_id = ? ORDER BY id");
-        for (FileJob& job : to_describe) {
+        for (FileJob& job : jobs_to_run) {
             symbols.bind(1, job.id);
             while (symbols.step()) {
                 SymbolFacts symbol;
@@ -259,46 +389,41 @@ RetrievalRefreshStats refresh_retrieval_tables(Database& db, const fs::path& roo
             }
             symbols.reset();
         }
-        describe_all(root, to_describe, jobs);
+        describe_all(root, jobs_to_run, jobs);
 
-        Statement insert_symbol(db, "INSERT INTO retrieval_symbol_text(rowid, name, qualified, signature, doc, body, path) "
-                                    "VALUES (?, ?, ?, ?, ?, ?, ?)");
-        Statement insert_row(db, "INSERT INTO retrieval_symbol_rows(file_id, symbol_id) VALUES (?, ?)");
+        Statement insert_symbol(db, "INSERT INTO retrieval_symbol_text(rowid, name, qualified, signature, doc, body) "
+                                    "VALUES (?, ?, ?, ?, ?, ?)");
         Statement insert_file(db, "INSERT INTO retrieval_file_text(rowid, path, body) VALUES (?, ?, ?)");
-        Statement insert_state(db, "INSERT INTO retrieval_file_state(file_id, content_hash, is_test) VALUES (?, ?, ?)");
-        for (FileJob& job : to_describe) {
-            std::string path = search_document(job.path);
-            if (job.is_test) {
-                path += ' ';
-                path += kTestFileMarker;
-            }
+        Statement insert_state(db, "INSERT INTO retrieval_file_state(file_id, doc_id, content_hash, is_test, symbol_rows) "
+                                   "VALUES (?, ?, ?, ?, ?)");
+        std::int64_t doc_id = meta_int(db, kLastDocKey);
+        for (FileJob& job : jobs_to_run) {
             for (std::size_t i = 0; i < job.symbols.size(); ++i) {
-                const SymbolFacts& symbol = job.symbols[i];
-                const std::string name = search_document(symbol.name);
-                std::string qualified = search_document(symbol.fqn);
-                const std::string signature = symbol.signature ? search_document(*symbol.signature, kSymbolRepeats) : "";
-                const std::string doc = symbol.docstring ? search_document(*symbol.docstring, kSymbolRepeats) : "";
-                insert_symbol.bind(1, symbol.id)
-                    .bind_static(2, name)
-                    .bind_static(3, qualified)
-                    .bind_static(4, signature)
-                    .bind_static(5, doc)
-                    .bind_static(6, job.symbol_bodies[i])
-                    .bind_static(7, path);
+                const SymbolRow& row = job.rows[i];
+                insert_symbol.bind(1, job.symbols[i].id)
+                    .bind_static(2, row.name)
+                    .bind_static(3, row.qualified)
+                    .bind_static(4, row.signature)
+                    .bind_static(5, row.doc)
+                    .bind_static(6, row.body);
                 insert_symbol.run();
-                insert_row.bind(1, job.id).bind(2, symbol.id);
-                insert_row.run();
             }
-            insert_file.bind(1, job.id).bind_static(2, path).bind_static(3, job.file_body);
+            insert_file.bind(1, ++doc_id).bind_static(2, job.path_words).bind_static(3, job.file_body);
             insert_file.run();
-            insert_state.bind(1, job.id).bind(2, job.content_hash).bind(3, job.is_test);
+            insert_state.bind(1, job.id)
+                .bind(2, doc_id)
+                .bind(3, job.content_hash)
+                .bind(4, job.is_test)
+                .bind(5, static_cast<std::int64_t>(job.symbols.size()));
             insert_state.run();
             ++stats.described;
             // The texts are written; free them as we go.
             std::string().swap(job.file_body);
-            std::vector<std::string>().swap(job.symbol_bodies);
+            std::vector<SymbolRow>().swap(job.rows);
         }
+        storage::write_meta(db, kLastDocKey, std::to_string(doc_id));
     }
+    storage::write_meta(db, kStaleRowsKey, std::to_string(stale));
     transaction.commit();
     return stats;
 }

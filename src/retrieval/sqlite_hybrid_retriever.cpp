@@ -36,7 +36,7 @@ SqliteHybridRetriever::SqliteHybridRetriever(storage::Database& db, Tokenizer* t
     has_tables_ = has_retrieval_tables(db_);
     if (!has_tables_) return;
     catalog_ = IndexCatalog(db_);
-    indexed_symbols_ = db_.scalar_int("SELECT count(*) FROM retrieval_symbol_rows");
+    indexed_symbols_ = db_.scalar_int("SELECT coalesce(sum(symbol_rows), 0) FROM retrieval_file_state");
     symbol_frequency_ = db_.prepare("SELECT doc FROM retrieval_symbol_vocab WHERE term = ?1");
     file_frequency_ = db_.prepare("SELECT doc FROM retrieval_file_vocab WHERE term = ?1");
 }

@@ -12,9 +12,9 @@ constexpr int kDepth = 3000;
 constexpr int kFocusSymbolsPerFile = 30;
 constexpr std::size_t kFocusFiles = 8;
 
-// Column weights: name, qualified name, signature, docstring, body, path. A word of the name
-// says most about a symbol; the body's words are many and each says little.
-#define KESTRIX_SYMBOL_BM25 "bm25(retrieval_symbol_text, 10.0, 3.0, 2.0, 2.0, 1.0, 2.0)"
+// Column weights: name, qualified name, signature, docstring, body. A word of the name says
+// most about a symbol; the body's words are many and each says little.
+#define KESTRIX_SYMBOL_BM25 "bm25(retrieval_symbol_text, 10.0, 3.0, 2.0, 2.0, 1.0)"
 
 }  // namespace
 
@@ -34,7 +34,7 @@ SignalScores SymbolTextSignal::score(const RetrievalQuery& query, RetrievalConte
 
     // BM25 needs every matching row scored before the best are known, so reading further down
     // the ranking costs little: the leading symbols of the whole index are kept, and further
-    // down, those of the focus files.
+    // down, those of the focus files. Rows of symbols gone from the index drop out in the join.
     storage::Statement ranked(context.db,
                               "SELECT t.rowid, -" KESTRIX_SYMBOL_BM25 " AS relevance, r.file_id "
                               "FROM retrieval_symbol_text AS t CROSS JOIN symbols AS r ON r.id = t.rowid "

@@ -170,18 +170,21 @@ TEST_F(HybridRetrieverTest, TasksWithoutWordsGiveANoteAndNoHits) {
 TEST_F(HybridRetrieverTest, TablesFollowTheFiles) {
     auto consistent = [&] {
         storage::Database db = storage::open_index(db_, {.read_only = true});
-        const auto expected = db.scalar_int(
-            "SELECT count(*) FROM symbols s JOIN files f ON f.id = s.file_id WHERE f.is_source = 1");
-        EXPECT_EQ(db.scalar_int("SELECT count(*) FROM retrieval_symbol_rows"), expected);
-        EXPECT_EQ(db.scalar_int("SELECT count(*) FROM retrieval_symbol_text"), expected);
-        EXPECT_EQ(db.scalar_int("SELECT count(*) FROM retrieval_file_text"),
+        EXPECT_EQ(db.scalar_int("SELECT coalesce(sum(symbol_rows), 0) FROM retrieval_file_state"),
+                  db.scalar_int("SELECT count(*) FROM symbols s JOIN files f ON f.id = s.file_id WHERE f.is_source = 1"));
+        EXPECT_EQ(db.scalar_int("SELECT count(*) FROM retrieval_file_state s JOIN files f ON f.id = s.file_id "
+                                "WHERE f.is_source = 1"),
                   db.scalar_int("SELECT count(*) FROM files WHERE is_source = 1"));
-        EXPECT_EQ(db.scalar_int("SELECT count(*) FROM retrieval_symbol_rows r LEFT JOIN symbols s ON s.id = r.symbol_id "
-                                "WHERE s.id IS NULL"),
-                  0);
+        EXPECT_EQ(db.scalar_int("SELECT count(*) FROM retrieval_file_state"), db.scalar_int("SELECT count(*) FROM files WHERE is_source = 1"));
+        // Every live symbol and file has its row; the rest are the stale rows counted in meta.
+        const auto stale = std::stoll(storage::read_meta(db, "retrieval_stale_rows").value_or("-1"));
+        EXPECT_EQ(db.scalar_int("SELECT count(*) FROM retrieval_symbol_text_docsize") +
+                      db.scalar_int("SELECT count(*) FROM retrieval_file_text_docsize"),
+                  db.scalar_int("SELECT coalesce(sum(symbol_rows + 1), 0) FROM retrieval_file_state") + stale);
+        return stale;
     };
     index_into(repo_, db_);
-    consistent();
+    EXPECT_EQ(consistent(), 0);
     const std::string task = "take a voucher discount code off the price";
     EXPECT_TRUE(hit_fqns(task).empty() || hit_fqns(task)[0] != "python.shop.cart.apply_voucher");
 
@@ -189,13 +192,14 @@ TEST_F(HybridRetrieverTest, TablesFollowTheFiles) {
         << "\n\ndef apply_voucher(total, code):\n    \"\"\"Takes the discount of a voucher code off a total.\"\"\"\n"
            "    return total - VOUCHERS.get(code, 0)\n";
     index_into(repo_, db_);
-    consistent();
+    const auto stale_after_edit = consistent();
+    EXPECT_GT(stale_after_edit, 0);  // the edited file's old rows, left behind
     ASSERT_FALSE(hit_fqns(task).empty());
     EXPECT_EQ(hit_fqns(task)[0], "python.shop.cart.apply_voucher");
 
     fs::remove(repo_ / "python" / "shop" / "cart.py");
     index_into(repo_, db_);
-    consistent();
+    EXPECT_GT(consistent(), stale_after_edit);
     for (const auto& fqn : hit_fqns(task)) EXPECT_EQ(fqn.find("python.shop.cart."), std::string::npos) << fqn;
 }
 

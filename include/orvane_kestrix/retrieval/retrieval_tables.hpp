@@ -4,21 +4,27 @@
 // to this module alone: an index written before them simply lacks them until its next
 // `kestrix index` run, and readers cope with their absence.
 //
-//   retrieval_symbol_text: FTS5, one row per symbol of a source file, rowid = symbols.id.
-//       Columns of search words (search_words.hpp): name (split and whole), qualified (the
-//       fully qualified name), signature, doc (docstring), body (the identifiers and comment
-//       words of its lines; a class-like symbol leaves out its members' lines, which are their
-//       own rows), path (its file's path, plus kTestFileMarker for a test file).
-//   retrieval_file_text: FTS5, one row per source file, rowid = files.id: path, body (the
-//       whole text).
-//   retrieval_symbol_vocab: fts5vocab 'row' over retrieval_symbol_text (documents per word).
-//   retrieval_file_vocab: the same over retrieval_file_text.
-//   retrieval_symbol_rows(file_id, symbol_id): the symbol rows written for each file, so
-//       that a changed file's rows can be deleted after its symbols are gone.
-//   retrieval_file_state(file_id, content_hash, is_test): what each file's rows were made
-//       from; a file whose hash or test flag differs is described again.
+//   retrieval_symbol_text: FTS5, contentless; one row per symbol of a source
+//       file, rowid = symbols.id. Columns of search words (search_words.hpp), each word once
+//       per column: name (split and whole), qualified (the fully qualified name, plus
+//       kTestFileMarker for a symbol of a test file), signature, doc (docstring), body (the
+//       identifiers and comment words of its lines; a class-like symbol leaves out its
+//       members' lines and their doc comments, which are rows of their own).
+//   retrieval_file_text: FTS5, contentless; one row per source file, rowid = its doc_id
+//       (below): path, body (the words of the whole text, each repeated by the order of
+//       magnitude of its count).
+//   retrieval_symbol_vocab, retrieval_file_vocab: fts5vocab 'row' tables (documents per word).
+//   retrieval_file_state(file_id, doc_id, content_hash, is_test, symbol_rows): which row
+//       describes each file and what it was made from; a file whose hash or test flag differs
+//       is described again.
 //   retrieval_ref_targets_by_ref: an index of ref_targets by reference, so that the symbols a
 //       symbol uses can be found from its references (the reference graph signal).
+//
+// The full-text tables keep no copy of their text (it would double the index), so a changed
+// file's old rows cannot be deleted one by one: they stay, unreachable (their symbol ids are
+// never given out again, their doc_id has no state row), and are counted in meta
+// "retrieval_stale_rows"; once they outnumber a quarter of the live rows the tables are
+// rebuilt. Refreshes thus cost in proportion to the change, plus an occasional rebuild.
 //   meta "retrieval_revision": the format of these tables; another value remakes them.
 
 #include <cstdint>
@@ -29,7 +35,7 @@
 namespace orvane_kestrix::retrieval {
 
 inline constexpr const char* kRetrievalRevisionKey = "retrieval_revision";
-inline constexpr const char* kRetrievalRevision = "2";
+inline constexpr const char* kRetrievalRevision = "5";
 // The word a test file's rows carry in their path column, so that a search can leave them out
 // inside the full-text query ("... NOT kxtestfile").
 inline constexpr const char* kTestFileMarker = "kxtestfile";
