@@ -19,7 +19,7 @@ SignalScores FileTextSignal::score(const RetrievalQuery& query, RetrievalContext
                          "SELECT s.file_id, -bm25(retrieval_file_text, 4.0, 1.0) AS relevance FROM retrieval_file_text AS t "
                          "CROSS JOIN retrieval_file_state AS s ON s.doc_id = t.rowid "
                          "WHERE retrieval_file_text MATCH ?1 ORDER BY relevance DESC LIMIT ?2");
-    q.bind_static(1, query.match).bind(2, kFiles);
+    q.bind_static(1, query.file_match).bind(2, kFiles);
     double best = 0;
     while (q.step()) {
         const double relevance = q.column_double(1);

@@ -1,7 +1,9 @@
 #include "orvane_kestrix/retrieval/sqlite_hybrid_retriever.hpp"
 
 #include <algorithm>
+#include <cstdlib>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "orvane_kestrix/retrieval/retrieval_tables.hpp"
 #include "orvane_kestrix/retrieval/signals.hpp"
@@ -14,6 +16,22 @@ namespace {
 constexpr const char* kNoTablesNote =
     "The index has no retriever tables yet (run `kestrix index`): symbols were found by the names the task writes";
 constexpr const char* kNoWordsNote = "The task has no words or names to search the index for";
+
+// Code that ships beside a project rather than in it: documentation, examples, benchmarks,
+// scripts, vendored and generated copies, build configuration. A task is rarely about it.
+bool outside_production(std::string_view path) {
+    static const std::unordered_set<std::string_view> directories = {
+        "docs", "doc", "examples", "example", "benchmarks", "benchmark", "bench", "scripts", "vendor", "vendored",
+        "_vendor", "third_party", "node_modules", "dist", "build", "site-packages"};
+    std::size_t start = 0;
+    for (std::size_t slash = path.find('/'); slash != std::string_view::npos; slash = path.find('/', start)) {
+        if (directories.contains(path.substr(start, slash - start))) return true;
+        start = slash + 1;
+    }
+    const std::string_view name = path.substr(start);
+    return name == "setup.py" || name == "conftest.py" || name == "noxfile.py" || name.ends_with(".d.ts") ||
+           name.find(".config.") != std::string_view::npos;
+}
 
 bool minor_kind(std::string_view kind) {
     return kind == "variable" || kind == "constant" || kind == "field" || kind == "property";
@@ -67,46 +85,69 @@ RetrievalResult SqliteHybridRetriever::retrieve(const std::string& task, std::in
     RetrievalContext context(db_, catalog_);
     const FusionOutcome outcome = fusion_.run(query, context);
 
+    // Files found by their text alone, whose symbols no signal scored, are represented by
+    // their most used symbols.
+    std::unordered_map<std::int64_t, double> fused = outcome.scores;
+    {
+        std::unordered_map<std::int64_t, double> best_in_file;
+        for (const auto& [id, score] : fused) {
+            if (const CandidateSymbol* symbol = context.find(id)) {
+                double& best = best_in_file[symbol->file_id];
+                best = std::max(best, score);
+            }
+        }
+        std::vector<std::pair<double, std::int64_t>> files;
+        for (const auto& [file, score] : context.file_fused) files.emplace_back(std::max(score, best_in_file[file]), file);
+        std::sort(files.begin(), files.end(), [](const auto& a, const auto& b) { return a.first > b.first || (a.first == b.first && a.second < b.second); });
+        const auto represented = kRepresentedFiles;
+        if (files.size() > represented) files.resize(represented);
+        storage::Statement most_used(db_, "SELECT id FROM symbols WHERE file_id = ?1 "
+                                          "ORDER BY production_fan_in DESC, id LIMIT 2");
+        std::vector<std::int64_t> added;
+        for (const auto& [score, file] : files) {
+            if (best_in_file[file] > 0) continue;
+            most_used.bind(1, file);
+            while (most_used.step()) {
+                added.push_back(most_used.column_int64(0));
+                fused[added.back()] = score;
+            }
+            most_used.reset();
+        }
+        context.load(added);
+    }
+
     struct Ranked {
         double score;
         const CandidateSymbol* symbol;
     };
     std::vector<Ranked> ranked;
-    for (const auto& [id, score] : outcome.scores) {
+    for (const auto& [id, score] : fused) {
         const CandidateSymbol* symbol = context.find(id);
         if (symbol == nullptr) continue;
         const CatalogFile* file = catalog_.file(symbol->file_id);
         if (file == nullptr || !file->is_source || (file->is_test && !include_tests)) continue;
-        ranked.push_back({minor_kind(symbol->kind) ? score * kMinorKindFactor : score, symbol});
+        double adjusted = minor_kind(symbol->kind) ? score * kMinorKindFactor : score;
+        if (outside_production(file->path)) adjusted *= kOutsideProductionFactor;
+        // A pack row that costs most of a default budget crowds out the rest, or does not fit
+        // at all; a cheaper symbol of the same file then represents it better.
+        if (symbol->cost > kAssumedBudget * 5 / 7) {
+            adjusted *= 0.3;
+        } else if (symbol->cost > kAssumedBudget * 5 / 14) {
+            adjusted *= 0.7;
+        }
+        ranked.push_back({adjusted, symbol});
     }
     std::sort(ranked.begin(), ranked.end(), [](const Ranked& a, const Ranked& b) {
         return a.score > b.score || (a.score == b.score && a.symbol->id < b.symbol->id);
     });
 
-    // Greedy pick: each pick lowers the rest of its file's symbols by kSameFileDecay.
     const auto wanted = static_cast<std::size_t>(std::max<std::int64_t>(limit, 0));
-    std::unordered_map<std::int64_t, int> picked_in_file;
     std::vector<bool> taken(ranked.size(), false);
-    // Only the leading part of the ranking can be picked; bounding it keeps the loop short.
-    const std::size_t window = std::min(ranked.size(), wanted * 8);
-    while (result.hits.size() < wanted) {
-        std::size_t best = window;
-        double best_score = 0;
-        for (std::size_t i = 0; i < window; ++i) {
-            if (taken[i]) continue;
-            double score = ranked[i].score;
-            for (int k = picked_in_file[ranked[i].symbol->file_id]; k > 0; --k) score *= kSameFileDecay;
-            if (best == window || score > best_score) {
-                best = i;
-                best_score = score;
-            }
-        }
-        if (best == window) break;
-        taken[best] = true;
-        ++picked_in_file[ranked[best].symbol->file_id];
-        const CandidateSymbol& candidate = *ranked[best].symbol;
+    auto emit = [&](std::size_t i, double score) {
+        taken[i] = true;
+        const CandidateSymbol& candidate = *ranked[i].symbol;
         RetrievalHit hit;
-        hit.score = best_score;
+        hit.score = score;
         hit.symbol.id = candidate.id;
         hit.symbol.name = candidate.name;
         hit.symbol.fqn = candidate.fqn;
@@ -115,6 +156,71 @@ RetrievalResult SqliteHybridRetriever::retrieve(const std::string& task, std::in
         hit.symbol.start_line = candidate.start_line;
         hit.symbol.end_line = candidate.end_line;
         result.hits.push_back(std::move(hit));
+    };
+
+    // The leading files, in the order of their best symbols, and the symbol that represents
+    // each (its best). The pack lists the files of the rows it holds, in order: every leading
+    // file should have a row before a default budget runs out.
+    const auto leading_count = kLeadingFiles;
+    std::vector<std::int64_t> leading;
+    std::unordered_map<std::int64_t, std::size_t> representative;
+    for (std::size_t i = 0; i < ranked.size() && leading.size() < leading_count; ++i) {
+        const std::int64_t file = ranked[i].symbol->file_id;
+        if (representative.try_emplace(file, i).second) leading.push_back(file);
+    }
+    std::unordered_set<std::int64_t> covered;
+    const auto budget = kAssumedBudget;
+    std::int64_t spent = 0;
+    auto reserve_without = [&](std::int64_t file) {
+        std::int64_t reserve = 0;
+        for (std::int64_t f : leading) {
+            if (f != file && !covered.contains(f)) reserve += ranked[representative[f]].symbol->cost;
+        }
+        return reserve;
+    };
+    // By score, as long as what is left of the budget still holds the uncovered leading files'
+    // representatives; otherwise the best of those representatives. Only the leading part of
+    // the ranking can be picked; bounding it keeps the loop short.
+    const std::size_t window = std::min(ranked.size(), wanted * 8);
+    while (result.hits.size() < wanted) {
+        std::size_t best = window;
+        double best_score = 0;
+        for (std::size_t i = 0; i < window; ++i) {
+            if (taken[i]) continue;
+            const CandidateSymbol& symbol = *ranked[i].symbol;
+            if (spent + symbol.cost + reserve_without(symbol.file_id) > budget) continue;
+            const double score = ranked[i].score;
+            if (best == window || score > best_score) {
+                best = i;
+                best_score = score;
+            }
+        }
+        if (best == window) {
+            for (std::int64_t f : leading) {
+                if (!covered.contains(f) && !taken[representative[f]]) {
+                    best = representative[f];
+                    best_score = ranked[best].score;
+                    break;
+                }
+            }
+        }
+        if (best == window) {
+            // Nothing fits the assumed budget any more: the rest by score, for larger budgets.
+            for (std::size_t i = 0; i < window; ++i) {
+                if (!taken[i]) {
+                    best = i;
+                    best_score = ranked[i].score;
+                    break;
+                }
+            }
+        }
+        if (best == window) break;
+        const CandidateSymbol& symbol = *ranked[best].symbol;
+        if (spent + symbol.cost <= budget) {
+            spent += symbol.cost;
+            covered.insert(symbol.file_id);
+        }
+        emit(best, best_score);
     }
 
     if (!outcome.unavailable.empty()) {

@@ -20,7 +20,7 @@ constexpr std::size_t kFocusFiles = 8;
 
 SignalScores SymbolTextSignal::score(const RetrievalQuery& query, RetrievalContext& context) {
     SignalScores out;
-    if (query.terms.empty()) {
+    if (query.symbol_terms.empty()) {
         out.unavailable = "the task has no words the symbols' text holds";
         return out;
     }
@@ -39,7 +39,7 @@ SignalScores SymbolTextSignal::score(const RetrievalQuery& query, RetrievalConte
                               "SELECT t.rowid, -" KESTRIX_SYMBOL_BM25 " AS relevance, r.file_id "
                               "FROM retrieval_symbol_text AS t CROSS JOIN symbols AS r ON r.id = t.rowid "
                               "WHERE retrieval_symbol_text MATCH ?1 ORDER BY relevance DESC LIMIT ?2");
-    ranked.bind_static(1, query.match).bind(2, kDepth);
+    ranked.bind_static(1, query.symbol_match).bind(2, kDepth);
     double best = 0;
     int row = 0;
     while (ranked.step()) {

@@ -44,28 +44,32 @@ RetrievalQuery make_task_query(const std::string& task, bool include_tests, Toke
     for (const auto& word : words) {
         const WordFrequency df = frequency(word);
         if (df.symbols == 0 && df.files == 0) continue;
-        if (static_cast<double>(df.symbols) > 0.2 * n) continue;
         const double idf = std::log((n - static_cast<double>(df.symbols) + 0.5) / (static_cast<double>(df.symbols) + 0.5) + 1.0);
         candidates.push_back({word, df, idf});
     }
     std::stable_sort(candidates.begin(), candidates.end(), [](const Candidate& a, const Candidate& b) { return a.idf > b.idf; });
     std::int64_t postings = 0;
     for (const auto& candidate : candidates) {
-        if (query.terms.size() >= kMaxTerms) break;
-        if (postings + candidate.df.symbols > kMaxPostings && !query.terms.empty()) continue;
+        if (query.terms.size() < kMaxTerms) query.terms.push_back(candidate.word);
+        if (candidate.df.symbols == 0 || static_cast<double>(candidate.df.symbols) > kMaxSymbolShare * n) continue;
+        if (query.symbol_terms.size() >= kMaxSymbolTerms) continue;
+        if (postings + candidate.df.symbols > kMaxPostings && !query.symbol_terms.empty()) continue;
         postings += candidate.df.symbols;
-        query.terms.push_back(candidate.word);
+        query.symbol_terms.push_back(candidate.word);
     }
-    if (!query.terms.empty()) {
+    auto match_of = [&](const std::vector<std::string>& terms) {
+        if (terms.empty()) return std::string();
         std::string match = "(";
-        for (std::size_t i = 0; i < query.terms.size(); ++i) {
+        for (std::size_t i = 0; i < terms.size(); ++i) {
             if (i > 0) match += " OR ";
-            match += '"' + query.terms[i] + '"';
+            match += '"' + terms[i] + '"';
         }
         match += ')';
         if (!include_tests) match += std::string(" NOT \"") + kTestFileMarker + '"';
-        query.match = std::move(match);
-    }
+        return match;
+    };
+    query.file_match = match_of(query.terms);
+    query.symbol_match = match_of(query.symbol_terms);
     return query;
 }
 

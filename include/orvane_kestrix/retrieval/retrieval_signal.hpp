@@ -26,10 +26,14 @@ namespace orvane_kestrix::retrieval {
 struct RetrievalQuery {
     std::string task;
     bool include_tests = false;
-    // The search words (search_words.hpp) chosen to query the full-text tables, rarest first.
+    // The search words (search_words.hpp) that the index holds, rarest first: all of them for
+    // the files' text (a few thousand rows), the rarest for the symbols' text, where every
+    // row a word matches is scored.
     std::vector<std::string> terms;
-    // The FTS5 query over `terms`: the terms ORed, test files' rows left out unless wanted.
-    std::string match;
+    std::vector<std::string> symbol_terms;
+    // The FTS5 queries over them: the words ORed, test files' rows left out unless wanted.
+    std::string file_match;
+    std::string symbol_match;
     // The identifiers the task writes (the tokenizer's names), as written.
     std::vector<std::string> names;
     TaskMentions mentions;

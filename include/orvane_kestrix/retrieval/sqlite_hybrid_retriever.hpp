@@ -1,13 +1,18 @@
 #pragma once
 // The retriever over the SQLite index: ranks a task's symbols by fusing the signals of
 // signals.hpp (mentions, file text, symbol text, the reference graph, a fan-in prior) with the
-// weights of fusion.hpp, then orders the hits so that the leading files are each represented
-// early (a file's second hit counts kSameFileDecay of its score, its third that again, ...): a
-// pack holds what its budget allows, and its first files should be the task's best files, not
-// one file's many symbols.
+// weights of fusion.hpp, then orders the hits by score with one constraint: a pack holds what
+// its budget allows and lists the files of the rows it holds, so the best symbol of each of the
+// kLeadingFiles best files (files ranked by their best symbol) must fit within a default
+// budget (kAssumedBudget). A hit that would leave too little for the leading files not yet
+// represented waits behind their representatives. Larger budgets simply hold more.
 //
-// Test files rank only when the task is about tests. Kinds that rarely hold the code a task
-// changes (variables, constants, fields, properties) count kMinorKindFactor of their score.
+// Score adjustments before that order: test files rank only when the task is about tests;
+// kinds that rarely hold the code a task changes (variables, constants, fields, properties)
+// count kMinorKindFactor of their score; files outside the production code (documentation,
+// examples, benchmarks, scripts, vendored code) kOutsideProductionFactor; a symbol whose pack
+// row would take most of a default budget (a long docstring) counts less, so that a cheaper
+// symbol of its file represents the file.
 // An index without the retriever's tables (written before them), or a task with no words to
 // search for, ranks with what remains and says so in the note; nothing here fails a pack for
 // that.
@@ -25,8 +30,15 @@ namespace orvane_kestrix::retrieval {
 
 class SqliteHybridRetriever final : public HybridRetriever {
 public:
-    static constexpr double kSameFileDecay = 0.6;
     static constexpr double kMinorKindFactor = 0.5;
+    // Documentation, examples, benchmarks, scripts, vendored code and build configuration.
+    static constexpr double kOutsideProductionFactor = 0.3;
+    // Files that should each have a row within a default pack (kAssumedBudget tokens, what
+    // an 800-token budget packs).
+    static constexpr std::size_t kLeadingFiles = 5;
+    static constexpr std::int64_t kAssumedBudget = 840;
+    // Leading files found by their text alone get their most used symbols as candidates.
+    static constexpr std::size_t kRepresentedFiles = 6;
 
     // Borrows the index connection (and the tokenizer; null: default_tokenizer()), which must
     // outlive the retriever. Reads the index's file list once.

@@ -3,10 +3,11 @@
 // it writes, and the search words worth a full-text lookup.
 //
 // Words are chosen by how rare they are in the index: words no symbol or file holds are
-// dropped, words most symbols hold (over a fifth) say nothing, and of the rest the rarest
-// kMaxTerms are kept, within a budget of postings (the rows the full-text query then visits).
-// A long task (a pasted log) thus costs a bounded search: only its first kMaxCandidateWords
-// distinct words are even looked up.
+// dropped; the files' text is searched with the rarest kMaxTerms of the rest; the symbols'
+// text, where every row a word matches must be scored, with the rarest kMaxSymbolTerms of
+// those that at most kMaxSymbolShare of the symbols hold, within kMaxPostings (the rows the
+// query visits). A long task (a pasted log) thus costs a bounded search: only its first
+// kMaxCandidateWords distinct words are even looked up.
 
 #include <cstdint>
 #include <functional>
@@ -18,7 +19,9 @@
 namespace orvane_kestrix::retrieval {
 
 inline constexpr std::size_t kMaxCandidateWords = 256;
-inline constexpr std::size_t kMaxTerms = 24;
+inline constexpr std::size_t kMaxTerms = 200;
+inline constexpr std::size_t kMaxSymbolTerms = 24;
+inline constexpr double kMaxSymbolShare = 0.2;
 inline constexpr std::int64_t kMaxPostings = 60000;
 
 // How many symbols and files hold a search word.
