@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "orvane_kestrix/indexer/index_builder.hpp"
-#include "orvane_kestrix/storage/fixture_repository.hpp"
+#include "orvane_kestrix/fixture/fixture_repository.hpp"
 #include "orvane_kestrix/storage/sqlite_repository.hpp"
 #include "orvane_kestrix/storage/sqlite_schema.hpp"
 
