@@ -11,13 +11,6 @@ namespace orvane_kestrix::app {
 
 namespace {
 
-std::string one_line(std::string text) {
-    for (char& c : text) {
-        if (c == '\n' || c == '\r') c = ' ';
-    }
-    return text;
-}
-
 int run_replay(const std::string& file) {
     std::string text;
     if (file == "-") {
