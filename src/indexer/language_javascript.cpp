@@ -136,12 +136,19 @@ struct JavaScriptGrammar {
     }
 };
 
+// The ids of the grammar of one of the languages these rules serve (the table gives them to
+// JavaScript, TypeScript and TSX only).
 const JavaScriptGrammar& javascript_grammar(Language language) {
-    switch (language) {
-        case Language::typescript: { static const JavaScriptGrammar g(Language::typescript); return g; }
-        case Language::tsx: { static const JavaScriptGrammar g(Language::tsx); return g; }
-        default: { static const JavaScriptGrammar g(Language::javascript); return g; }
+    if (language == Language::typescript) {
+        static const JavaScriptGrammar g(Language::typescript);
+        return g;
     }
+    if (language == Language::tsx) {
+        static const JavaScriptGrammar g(Language::tsx);
+        return g;
+    }
+    static const JavaScriptGrammar g(Language::javascript);
+    return g;
 }
 
 // Finds the definitions, references, comments, imports and export clauses of a JavaScript,

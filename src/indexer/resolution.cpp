@@ -508,8 +508,8 @@ private:
             return target;
         }
 
-        const bool js = paths == ModulePaths::relative_files;
-        if (js && (module.starts_with("./") || module.starts_with("../") || module == "." || module == "..")) {
+        const bool file_paths = paths == ModulePaths::relative_files;
+        if (file_paths && (module.starts_with("./") || module.starts_with("../") || module == "." || module == "..")) {
             auto joined = join_path(dir, module);
             if (!joined) return target;
             if (auto it = exact_path_.find(*joined); it != exact_path_.end()) {
@@ -559,7 +559,7 @@ private:
                 base = module_dir;
                 relative = true;
             }
-        } else if (js) {
+        } else if (file_paths) {
             return target;  // a package from outside the repository
         } else if (paths == ModulePaths::go_packages) {
             parts = split(module, "/");
