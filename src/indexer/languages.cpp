@@ -83,8 +83,7 @@ constexpr std::array kLanguages{
         .name = "python",
         .extensions = kPythonExtensions,
         .reading = Reading::parsed,
-        .grammar = tree_sitter_python,
-        .rules = detail::python_rules,
+        .parser = Parser(tree_sitter_python, detail::python_rules),
         .family = Language::python,
         .tests = {.file_names = kConftest, .prefixes = kTestPrefix, .suffixes = kTestSuffix},
         .imports = {.module_paths = ModulePaths::python_modules, .package_files = kPythonPackageFiles},
@@ -94,8 +93,7 @@ constexpr std::array kLanguages{
         .name = "javascript",
         .extensions = kJavaScriptExtensions,
         .reading = Reading::parsed,
-        .grammar = tree_sitter_javascript,
-        .rules = detail::javascript_rules,
+        .parser = Parser(tree_sitter_javascript, detail::javascript_rules),
         .family = Language::javascript,
         .tests = kScriptTests,
         .imports = kRelativeImports,
@@ -105,8 +103,7 @@ constexpr std::array kLanguages{
         .name = "typescript",
         .extensions = kTypeScriptExtensions,
         .reading = Reading::parsed,
-        .grammar = tree_sitter_typescript,
-        .rules = detail::javascript_rules,
+        .parser = Parser(tree_sitter_typescript, detail::javascript_rules),
         .family = Language::javascript,
         .tests = kScriptTests,
         .imports = kRelativeImports,
@@ -116,8 +113,7 @@ constexpr std::array kLanguages{
         .name = "tsx",
         .extensions = kTsxExtensions,
         .reading = Reading::parsed,
-        .grammar = tree_sitter_tsx,
-        .rules = detail::javascript_rules,
+        .parser = Parser(tree_sitter_tsx, detail::javascript_rules),
         .family = Language::javascript,
         .tests = kScriptTests,
         .imports = kRelativeImports,
@@ -127,8 +123,7 @@ constexpr std::array kLanguages{
         .name = "go",
         .extensions = kGoExtensions,
         .reading = Reading::parsed,
-        .grammar = tree_sitter_go,
-        .rules = detail::go_rules,
+        .parser = Parser(tree_sitter_go, detail::go_rules),
         .family = Language::go,
         .tests = {.suffixes = kTestSuffix},
         .imports = {.module_paths = ModulePaths::go_packages, .submodule_separator = "/", .package_is_directory = true},
@@ -138,8 +133,7 @@ constexpr std::array kLanguages{
         .name = "rust",
         .extensions = kRustExtensions,
         .reading = Reading::parsed,
-        .grammar = tree_sitter_rust,
-        .rules = detail::rust_rules,
+        .parser = Parser(tree_sitter_rust, detail::rust_rules),
         .family = Language::rust,
         .tests = {.suffixes = kTestSuffix},
         .imports = {.module_paths = ModulePaths::rust_paths, .package_files = kRustPackageFiles, .submodule_separator = "::"},
@@ -149,8 +143,7 @@ constexpr std::array kLanguages{
         .name = "java",
         .extensions = kJavaExtensions,
         .reading = Reading::parsed,
-        .grammar = tree_sitter_java,
-        .rules = detail::java_rules,
+        .parser = Parser(tree_sitter_java, detail::java_rules),
         .family = Language::java,
         .tests = {.prefixes = kCamelTestPrefix, .suffixes = kCamelTestSuffixes, .camel_case = true},
         .imports = {.module_paths = ModulePaths::dotted, .package_is_directory = true, .bare_names_reach_members = true},
@@ -160,8 +153,7 @@ constexpr std::array kLanguages{
         .name = "c",
         .extensions = kCExtensions,
         .reading = Reading::parsed,
-        .grammar = tree_sitter_c,
-        .rules = detail::c_rules,
+        .parser = Parser(tree_sitter_c, detail::c_rules),
         .family = Language::c,
         .tests = kCTests,
         .imports = kCImports,
@@ -171,8 +163,7 @@ constexpr std::array kLanguages{
         .name = "cpp",
         .extensions = kCppExtensions,
         .reading = Reading::parsed,
-        .grammar = tree_sitter_cpp,
-        .rules = detail::c_rules,
+        .parser = Parser(tree_sitter_cpp, detail::c_rules),
         .family = Language::c,
         .tests = kCTests,
         .imports = kCImports,
@@ -182,8 +173,7 @@ constexpr std::array kLanguages{
         .name = "ruby",
         .extensions = kRubyExtensions,
         .reading = Reading::parsed,
-        .grammar = tree_sitter_ruby,
-        .rules = detail::ruby_rules,
+        .parser = Parser(tree_sitter_ruby, detail::ruby_rules),
         .family = Language::ruby,
         .tests = {.prefixes = kTestPrefix, .suffixes = kRubyTestSuffixes},
         .imports = {.module_paths = ModulePaths::relative_files, .submodule_separator = "/", .bare_names_reach_members = true},
@@ -227,7 +217,8 @@ constexpr std::array kLanguages{
 };
 
 // A row for every language, in the enumeration's order, each complete: a missing or partial
-// row fails the build rather than falling back at run time.
+// row fails the build rather than falling back at run time. (A parsed row cannot give its
+// grammar without its rules: Parser takes both.)
 consteval bool table_is_complete() {
     if (kLanguages.size() != kLanguageCount) return false;
     for (std::size_t i = 0; i < kLanguages.size(); ++i) {
@@ -235,7 +226,7 @@ consteval bool table_is_complete() {
         if (static_cast<std::size_t>(row.language) != i || row.name.empty() || row.extensions.empty()) return false;
         if (row.reading == Reading::unset || row.imports.module_paths == ModulePaths::unset) return false;
         const bool parsed = row.reading == Reading::parsed;
-        if (parsed != (row.grammar != nullptr) || parsed != (row.rules != nullptr)) return false;
+        if (parsed != row.parser.has_value()) return false;
         if (parsed == (row.imports.module_paths == ModulePaths::none)) return false;
         if (kLanguages[static_cast<std::size_t>(row.family)].family != row.family) return false;
     }
@@ -286,13 +277,13 @@ namespace detail {
 
 const TSLanguage* grammar(Language language) {
     const LanguageSpec& spec = language_spec(language);
-    return spec.grammar != nullptr ? spec.grammar() : nullptr;
+    return spec.parser ? spec.parser->grammar() : nullptr;
 }
 
 const LanguageRules& rules_for(Language language) {
     const LanguageSpec& spec = language_spec(language);
-    if (spec.rules == nullptr) throw std::logic_error("no rules for " + std::string(spec.name) + ": it is not parsed");
-    return spec.rules();
+    if (!spec.parser) throw std::logic_error("no rules for " + std::string(spec.name) + ": it is not parsed");
+    return spec.parser->rules();
 }
 
 // "a/b/c.py" -> "a.b.c". With `strip_src_root`, everything up to and including the last

@@ -6,6 +6,7 @@
 // of its rules.
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string_view>
 
@@ -68,13 +69,21 @@ struct ImportResolution {
     bool bare_names_reach_members = false;
 };
 
+// How a source language is parsed: its tree-sitter grammar, and the rules (with the walker)
+// that read the grammar's trees. Both are needed, so both are constructor arguments.
+struct Parser {
+    constexpr Parser(const TSLanguage* (*grammar_of)(), const detail::LanguageRules& (*rules_of)())
+        : grammar(grammar_of), rules(rules_of) {}
+    const TSLanguage* (*grammar)();
+    const detail::LanguageRules& (*rules)();
+};
+
 struct LanguageSpec {
     Language language;
     std::string_view name;  // as stored in the index ("python")
     std::span<const std::string_view> extensions;  // lower case, without the dot
     Reading reading = Reading::unset;
-    const TSLanguage* (*grammar)() = nullptr;  // parsed languages
-    const detail::LanguageRules& (*rules)() = nullptr;  // parsed languages: the walker and the rules
+    std::optional<Parser> parser = std::nullopt;  // parsed languages only
     // Languages whose files use each other's definitions share a family, named by its first
     // language (TypeScript's is JavaScript, C++'s is C).
     Language family;
