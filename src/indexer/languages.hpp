@@ -64,7 +64,7 @@ struct ImportResolution {
     std::string_view submodule_separator = ".";
     // All files of a directory form one package that sees its own names (Go, Java).
     bool package_is_directory = false;
-    // Code inside a type reaches its members by bare name (Java, C, C++), so a bare name
+    // Code inside a type reaches its members by bare name (Java, C, C++, Ruby), so a bare name
     // found elsewhere may be a member.
     bool bare_names_reach_members = false;
 };
