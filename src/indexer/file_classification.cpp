@@ -3,33 +3,15 @@
 #include <array>
 #include <cctype>
 
+#include "languages.hpp"
+#include "orvane_kestrix/paths.hpp"
+
 namespace orvane_kestrix::indexer {
 
 namespace {
 
-std::string_view file_name(std::string_view path) {
-    const auto slash = path.rfind('/');
-    return slash == std::string_view::npos ? path : path.substr(slash + 1);
-}
-
-std::string_view directory(std::string_view path) {
-    const auto slash = path.rfind('/');
-    return slash == std::string_view::npos ? std::string_view() : path.substr(0, slash);
-}
-
-// The file name without its last extension ("format.test" for "format.test.js").
-std::string_view base_name(std::string_view name) {
-    const auto dot = name.rfind('.');
-    return dot == std::string_view::npos || dot == 0 ? name : name.substr(0, dot);
-}
-
-std::string_view extension(std::string_view name) {
-    const auto dot = name.rfind('.');
-    return dot == std::string_view::npos || dot == 0 ? std::string_view() : name.substr(dot + 1);
-}
-
 bool in_test_directory(std::string_view path) {
-    std::string_view dirs = directory(path);
+    std::string_view dirs = directory_of(path);
     while (!dirs.empty()) {
         const auto slash = dirs.find('/');
         const std::string_view part = dirs.substr(0, slash);
@@ -62,63 +44,57 @@ std::string marked_tested_stem(std::string_view base) {
     return {};
 }
 
-bool is_camel_case_language(std::string_view ext) { return ext == "java" || ext == "kt"; }
+// Whether `base` (a file name without extension) carries one of the language's test markers.
+bool has_test_marker(std::string_view base, const TestNaming& naming) {
+    for (std::string_view suffix : naming.never_suffixes) {
+        if (base.ends_with(suffix)) return false;
+    }
+    for (std::string_view suffix : naming.suffixes) {
+        if (base.size() > suffix.size() && base.ends_with(suffix)) return true;
+    }
+    for (std::string_view prefix : naming.prefixes) {
+        if (base.size() > prefix.size() && base.starts_with(prefix) &&
+            (!naming.camel_case || is_upper(base[prefix.size()]))) {
+            return true;
+        }
+    }
+    return false;
+}
 
 }  // namespace
 
 bool is_test_path(std::string_view path, Language language) {
     if (in_test_directory(path)) return true;
-    const std::string_view name = file_name(path);
-    const std::string_view base = base_name(name);
-    switch (language) {
-        case Language::python:
-            return name == "conftest.py" || (base.size() > 5 && base.starts_with("test_")) ||
-                   (base.size() > 5 && base.ends_with("_test"));
-        case Language::go:
-            return base.size() > 5 && base.ends_with("_test");
-        case Language::javascript:
-        case Language::typescript:
-        case Language::tsx:
-            return (base.size() > 5 && (base.ends_with(".test") || base.ends_with(".spec")));
-        case Language::java:
-            return !camel_tested_stem(base).empty();
-        case Language::rust:
-            return base.size() > 5 && base.ends_with("_test");
-        case Language::c:
-        case Language::cpp:
-            return !marked_tested_stem(base).empty() && !base.ends_with(".test") && !base.ends_with(".spec") &&
-                   !base.ends_with("_spec");
-        default:
-            return false;
+    const std::string_view name = file_name_of(path);
+    const TestNaming& naming = language_spec(language).tests;
+    for (std::string_view test_file : naming.file_names) {
+        if (name == test_file) return true;
     }
+    return has_test_marker(without_extension(name), naming);
 }
 
-std::string tested_stem(std::string_view test_path) {
-    const std::string_view name = file_name(test_path);
-    const std::string_view base = base_name(name);
-    if (is_camel_case_language(extension(name))) return camel_tested_stem(base);
-    return marked_tested_stem(base);
+std::string tested_stem(std::string_view test_path, Language test_language) {
+    const std::string_view base = without_extension(file_name_of(test_path));
+    return language_spec(test_language).tests.camel_case ? camel_tested_stem(base) : marked_tested_stem(base);
 }
 
 int language_family(Language language) {
-    switch (language) {
-        case Language::javascript:
-        case Language::typescript:
-        case Language::tsx:
-            return 1;
-        case Language::c:
-        case Language::cpp:
-            return 2;
-        default:
-            return 10 + static_cast<int>(language);
-    }
+    return static_cast<int>(language_spec(language).family);
 }
 
 bool is_named_test_for(std::string_view test_path, Language test_language, std::string_view source_path,
                        Language source_language) {
     if (test_path == source_path || language_family(test_language) != language_family(source_language)) return false;
-    const std::string stem = tested_stem(test_path);
-    return !stem.empty() && stem == base_name(file_name(source_path));
+    const std::string stem = tested_stem(test_path, test_language);
+    return !stem.empty() && stem == without_extension(file_name_of(source_path));
+}
+
+bool is_header_path(std::string_view path) {
+    const std::string_view extension = extension_of(file_name_of(path));
+    for (std::string_view header : {"h", "hh", "hpp", "hxx", "h++", "inl", "ipp", "tpp"}) {
+        if (extension == header) return true;
+    }
+    return false;
 }
 
 bool is_package_manifest(std::string_view name) {
@@ -134,14 +110,14 @@ bool is_package_manifest(std::string_view name) {
 
 ComponentMap::ComponentMap(const std::vector<std::string>& paths) {
     for (const auto& path : paths) {
-        if (!is_package_manifest(file_name(path))) continue;
-        const std::string_view dir = directory(path);
+        if (!is_package_manifest(file_name_of(path))) continue;
+        const std::string_view dir = directory_of(path);
         manifest_dirs_.insert(dir.empty() ? std::string(".") : std::string(dir));
     }
 }
 
 std::string ComponentMap::component_of(std::string_view path) const {
-    std::string_view dir = directory(path);
+    std::string_view dir = directory_of(path);
     while (!dir.empty()) {
         if (manifest_dirs_.count(std::string(dir)) > 0) return std::string(dir);
         const auto slash = dir.rfind('/');

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <exception>
 #include <map>
 #include <regex>
 #include <set>
@@ -10,7 +9,10 @@
 #include <thread>
 #include <unordered_set>
 
+#include "languages.hpp"
 #include "orvane_kestrix/indexer/file_classification.hpp"
+#include "orvane_kestrix/paths.hpp"
+#include "worker_threads.hpp"
 
 namespace orvane_kestrix::indexer {
 
@@ -21,21 +23,6 @@ using FileList = std::vector<Index>;
 
 // Below this many references per core, resolving on one thread is as quick.
 constexpr std::size_t kReferencesPerSlice = 20000;
-
-std::string_view directory_of(std::string_view path) {
-    const auto slash = path.rfind('/');
-    return slash == std::string_view::npos ? std::string_view() : path.substr(0, slash);
-}
-
-std::string_view file_name_of(std::string_view path) {
-    const auto slash = path.rfind('/');
-    return slash == std::string_view::npos ? path : path.substr(slash + 1);
-}
-
-std::string_view without_extension(std::string_view name) {
-    const auto dot = name.rfind('.');
-    return dot == std::string_view::npos || dot == 0 ? name : name.substr(0, dot);
-}
 
 std::vector<std::string> split(std::string_view text, std::string_view separators) {
     std::vector<std::string> parts;
@@ -66,44 +53,14 @@ std::string join(const std::vector<std::string>& parts, std::size_t count, char 
     return out;
 }
 
-// `base` joined with the "/"-separated `relative`, "." and ".." folded; absent when it climbs
-// out of the repository.
-std::optional<std::string> join_path(std::string_view base, std::string_view relative) {
-    std::vector<std::string> parts = base.empty() ? std::vector<std::string>{} : split(base, "/");
-    for (auto& part : split(relative, "/")) {
-        if (part.empty() || part == ".") continue;
-        if (part == "..") {
-            if (parts.empty()) return std::nullopt;
-            parts.pop_back();
-        } else {
-            parts.push_back(std::move(part));
-        }
-    }
-    return join(parts, parts.size());
-}
-
 // File names that stand for their directory as a module.
 bool is_package_file(std::string_view stem, Language language) {
-    switch (language) {
-        case Language::python:
-            return stem == "__init__";
-        case Language::javascript:
-        case Language::typescript:
-        case Language::tsx:
-            return stem == "index";
-        case Language::rust:
-            return stem == "mod" || stem == "lib" || stem == "main";
-        default:
-            return false;
-    }
+    const auto& package_files = language_spec(language).imports.package_files;
+    return std::find(package_files.begin(), package_files.end(), stem) != package_files.end();
 }
 
-bool is_header(std::string_view path) {
-    const std::string_view name = file_name_of(path);
-    const auto dot = name.rfind('.');
-    if (dot == std::string_view::npos) return false;
-    const std::string_view ext = name.substr(dot + 1);
-    return ext == "h" || ext == "hh" || ext == "hpp" || ext == "hxx" || ext == "h++";
+ModulePaths module_paths(Language language) {
+    return language_spec(language).imports.module_paths;
 }
 
 bool is_self_qualifier(std::string_view qualifier) {
@@ -138,7 +95,7 @@ bool is_member_kind(std::string_view kind) {
 
 // Languages where code inside a class reaches its members by bare name.
 bool reaches_members_without_receiver(Language language) {
-    return language == Language::java || language == Language::c || language == Language::cpp;
+    return language_spec(language).imports.bare_names_reach_members;
 }
 
 enum class QualifierKind { none, value, type_path };
@@ -211,30 +168,17 @@ public:
         set_packages(s_.packages);
         build_file_indexes();
         // The symbol lookups and the imports (which need only the files) are built side by side.
-        std::exception_ptr error;
-        std::thread by_file([&] {
-            try {
-                build_symbols_by_file();
-            } catch (...) {
-                error = std::current_exception();
+        WorkerThreads by_file(1, [&](std::size_t) { build_symbols_by_file(); });
+        std::vector<std::vector<const SnapshotImport*>> imports_of_file(s_.files.size());
+        for (const auto& import : s_.imports) {
+            if (auto it = file_index_.find(import.file_id); it != file_index_.end()) {
+                imports_of_file[it->second].push_back(&import);
             }
-        });
-        try {
-            std::vector<std::vector<const SnapshotImport*>> imports_of_file(s_.files.size());
-            for (const auto& import : s_.imports) {
-                if (auto it = file_index_.find(import.file_id); it != file_index_.end()) {
-                    imports_of_file[it->second].push_back(&import);
-                }
-            }
-            imports_.reserve(s_.files.size());
-            for (Index file = 0; file < s_.files.size(); ++file) imports_.push_back(resolve_imports(file, imports_of_file[file]));
-            build_symbols_by_name();
-        } catch (...) {
-            by_file.join();
-            throw;
         }
+        imports_.reserve(s_.files.size());
+        for (Index file = 0; file < s_.files.size(); ++file) imports_.push_back(resolve_imports(file, imports_of_file[file]));
+        build_symbols_by_name();
         by_file.join();
-        if (error) std::rethrow_exception(error);
     }
 
     std::vector<std::int64_t> resolve(const SnapshotReference& ref, QualifierCache& qualifiers) const {
@@ -304,8 +248,8 @@ public:
         add_symbols({file}, ref.name, out, 0, fit);
         if (!out.empty()) return finish(out);
 
-        // 3. The other files of the same Go or Java package.
-        if (language == Language::go || language == Language::java) {
+        // 3. The other files of the same package, where a package is a directory (Go, Java).
+        if (language_spec(language).imports.package_is_directory) {
             if (auto dir = dir_files_.find(std::string(directory_of(s_.files[file].path))); dir != dir_files_.end()) {
                 FileList same;
                 for (Index other : dir->second) {
@@ -393,7 +337,7 @@ private:
                 path_no_ext_[std::string(dir)].push_back(i);
                 if (!dir.empty()) register_suffixes(suffix_no_ext_, std::string(dir), i);
             }
-            if (language_family(file.language) == language_family(Language::c)) {
+            if (module_paths(file.language) == ModulePaths::include_files) {
                 register_suffixes(suffix_with_ext_, file.path, i);
                 c_stem_files_[std::string(stem)].push_back(i);
             }
@@ -475,11 +419,9 @@ private:
     // `from pkg import mod`: the module pkg.mod, when `name` is a module rather than an item.
     FileList resolve_submodule(Index file, const Binding& binding, const std::string& name) const {
         const Language language = s_.files[file].language;
-        std::string separator = ".";
-        if (language == Language::rust) separator = "::";
-        if (language == Language::go || language_family(language) == language_family(Language::javascript)) separator = "/";
+        const std::string separator(language_spec(language).imports.submodule_separator);
         const std::string& module = binding.module_raw;
-        const bool bare = module.empty() || module.ends_with(separator) || (language == Language::python && module.back() == '.');
+        const bool bare = module.empty() || module.ends_with(separator);
         auto target = resolve_module(file, module + (bare ? "" : separator) + name);
         return target.member ? FileList{} : target.files;
     }
@@ -492,8 +434,9 @@ private:
         ModuleTarget target;
         if (module.empty()) return target;
 
-        if (language_family(language) == language_family(Language::c)) {
-            if (auto joined = join_path(dir, module)) {
+        const ModulePaths paths = module_paths(language);
+        if (paths == ModulePaths::include_files) {
+            if (auto joined = join_relative(dir, module)) {
                 if (auto it = exact_path_.find(*joined); it != exact_path_.end()) target.files = it->second;
             }
             if (target.files.empty()) {
@@ -502,11 +445,11 @@ private:
             // A header's definitions live in the sources of the same name.
             FileList with_sources = target.files;
             for (Index header : target.files) {
-                if (!is_header(s_.files[header].path)) continue;
+                if (!is_header_path(s_.files[header].path)) continue;
                 const std::string stem(without_extension(file_name_of(s_.files[header].path)));
                 if (auto it = c_stem_files_.find(stem); it != c_stem_files_.end()) {
                     for (Index source : it->second) {
-                        if (!is_header(s_.files[source].path)) with_sources.push_back(source);
+                        if (!is_header_path(s_.files[source].path)) with_sources.push_back(source);
                     }
                 }
             }
@@ -514,9 +457,9 @@ private:
             return target;
         }
 
-        const bool js = language_family(language) == language_family(Language::javascript);
-        if (js && (module.starts_with("./") || module.starts_with("../") || module == "." || module == "..")) {
-            auto joined = join_path(dir, module);
+        const bool file_paths = paths == ModulePaths::relative_files;
+        if (file_paths && (module.starts_with("./") || module.starts_with("../") || module == "." || module == "..")) {
+            auto joined = join_relative(dir, module);
             if (!joined) return target;
             if (auto it = exact_path_.find(*joined); it != exact_path_.end()) {
                 target.files = it->second;
@@ -536,19 +479,19 @@ private:
         std::vector<std::string> parts;
         std::string base;  // directory the parts start from, when the module is relative
         bool relative = false;
-        if (language == Language::python && module.starts_with('.')) {
+        if (paths == ModulePaths::python_modules && module.starts_with('.')) {
             std::size_t dots = 0;
             while (dots < module.size() && module[dots] == '.') ++dots;
             std::string up(dir);
             for (std::size_t i = 1; i < dots; ++i) {
-                auto parent = join_path(up, "..");
+                auto parent = join_relative(up, "..");
                 if (!parent) return target;
                 up = *parent;
             }
             base = up;
             relative = true;
             parts = split(std::string_view(module).substr(dots), ".");
-        } else if (language == Language::rust) {
+        } else if (paths == ModulePaths::rust_paths) {
             parts = split(module, "");
             if (!parts.empty() && parts[0] == "crate") {
                 base = crate_root(from.path);
@@ -565,9 +508,9 @@ private:
                 base = module_dir;
                 relative = true;
             }
-        } else if (js) {
+        } else if (file_paths) {
             return target;  // a package from outside the repository
-        } else if (language == Language::go) {
+        } else if (paths == ModulePaths::go_packages) {
             parts = split(module, "/");
         } else {
             parts = split(module, ".");
@@ -588,12 +531,12 @@ private:
         }
 
         // Go imports name a directory (a package).
-        if (language == Language::go) {
+        if (paths == ModulePaths::go_packages) {
             const std::string joined = join(parts, parts.size());
             const std::string path = relative ? (base.empty() ? joined : (joined.empty() ? base : base + "/" + joined)) : joined;
             if (auto it = dir_files_.find(path); relative && it != dir_files_.end()) {
                 for (Index f : it->second) {
-                    if (s_.files[f].language == Language::go) target.files.push_back(f);
+                    if (s_.files[f].language == language) target.files.push_back(f);
                 }
             }
             return target;
@@ -776,18 +719,7 @@ DerivedData derive_index_data(const IndexSnapshot& snapshot) {
         }
         std::sort(out.edges.begin(), out.edges.end());
     };
-    {
-        std::vector<std::thread> threads;
-        for (std::size_t k = 1; k < slices; ++k) threads.emplace_back(resolve_slice, k);
-        // Joined even when this slice throws (out of memory), which would otherwise terminate.
-        struct Join {
-            std::vector<std::thread>& threads;
-            ~Join() {
-                for (auto& thread : threads) thread.join();
-            }
-        } join{threads};
-        resolve_slice(0);
-    }
+    run_in_parallel(slices, resolve_slice);
     std::map<Index, std::map<Index, std::set<std::int64_t>>> used = std::move(results[0].used);
     data.fan_in = std::move(results[0].fan_in);
     data.edges = std::move(results[0].edges);
@@ -822,7 +754,7 @@ DerivedData derive_index_data(const IndexSnapshot& snapshot) {
         }
         // The source file a test is named after, even when its uses could not be resolved,
         // as long as the name is not ambiguous.
-        const std::string stem = tested_stem(test_file.path);
+        const std::string stem = tested_stem(test_file.path, test_file.language);
         if (!stem.empty()) {
             if (auto it = sources_by_stem.find(stem); it != sources_by_stem.end()) {
                 FileList named;

@@ -273,6 +273,13 @@ bool table_exists(Database& db, std::string_view name) {
 
 }  // namespace
 
+indexer::IndexOptions index_options_with_retrieval(indexer::IndexOptions options) {
+    options.refresh_extra_tables = [](Database& db, const fs::path& root, unsigned jobs) {
+        refresh_retrieval_tables(db, root, jobs);
+    };
+    return options;
+}
+
 bool has_retrieval_tables(Database& db) {
     if (!table_exists(db, "retrieval_symbol_text") || !table_exists(db, "retrieval_file_state")) return false;
     return storage::read_meta(db, kRetrievalRevisionKey).value_or("") == kRetrievalRevision;

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "orvane_kestrix/indexer/extraction.hpp"
+#include "orvane_kestrix/storage/sqlite_schema.hpp"
 
 namespace orvane_kestrix::indexer {
 
@@ -52,8 +53,10 @@ struct IndexOptions {
     // Set from elsewhere (a signal handler) to stop at the next file; the index keeps every
     // completed batch and stays readable (a stopped rebuild leaves the previous index instead).
     const std::atomic<bool>* cancel = nullptr;
-    // Bring the retriever's tables (retrieval/retrieval_tables.hpp) up to date as well.
-    bool retrieval_tables = true;
+    // Brings tables that another module keeps in the index up to date at the end of each
+    // completed run (the retriever's: retrieval::index_options_with_retrieval). Called on the
+    // writing connection, outside any transaction, with the repository root and `jobs`.
+    std::function<void(storage::Database&, const std::filesystem::path&, unsigned)> refresh_extra_tables;
     // Makes one parser per worker thread; default: the tree-sitter Extractor.
     std::function<ExtractFunction()> make_extractor;
 };
@@ -70,7 +73,7 @@ struct IndexStats {
     bool cancelled = false;
     // Wall seconds per phase, in order: "scan" (listing and comparing files), "parse"
     // (reading, parsing, writing), then, when other files' facts were recomputed, "load",
-    // "resolve" and "write"; then "retrieval" when the retriever's tables were refreshed.
+    // "resolve" and "write"; then "extra tables" when refresh_extra_tables ran.
     std::vector<std::pair<std::string, double>> timings;
 
     std::int64_t skipped_total() const;

@@ -30,6 +30,7 @@
 #include <cstdint>
 #include <filesystem>
 
+#include "orvane_kestrix/indexer/index_builder.hpp"
 #include "orvane_kestrix/storage/sqlite_schema.hpp"
 
 namespace orvane_kestrix::retrieval {
@@ -52,6 +53,9 @@ struct RetrievalRefreshStats {
 // its own; the caller holds none.
 RetrievalRefreshStats refresh_retrieval_tables(storage::Database& db, const std::filesystem::path& root,
                                                unsigned jobs = 0);
+
+// `options` with the retriever's tables refreshed at the end of each index run.
+indexer::IndexOptions index_options_with_retrieval(indexer::IndexOptions options);
 
 // Whether the index holds the retriever's tables, complete and of this revision.
 bool has_retrieval_tables(storage::Database& db);

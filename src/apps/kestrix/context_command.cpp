@@ -13,6 +13,7 @@
 
 #include "command.hpp"
 #include "orvane_kestrix/indexer/index_builder.hpp"
+#include "orvane_kestrix/retrieval/retrieval_tables.hpp"
 #include "orvane_kestrix/retrieval/sqlite_hybrid_retriever.hpp"
 #include "orvane_kestrix/storage/sqlite_repository.hpp"
 #include "orvane_kestrix/storage/sqlite_schema.hpp"
@@ -41,20 +42,13 @@ struct ContextArguments {
     bool no_retriever = false;
 };
 
-std::string one_line(std::string text) {
-    for (char& c : text) {
-        if (c == '\n' || c == '\r') c = ' ';
-    }
-    return text;
-}
-
 // Whether `db` holds a completed index; a file left by an interrupted first run has no
 // completion time and is indexed again (the builder resumes where it stopped).
 bool index_complete(const fs::path& db) {
     std::error_code error;
     if (!fs::exists(db, error)) return false;
     storage::Database database = storage::open_index(db, {.read_only = true});
-    return storage::read_meta(database, "indexed_at").has_value();
+    return storage::read_meta(database, storage::meta_key::indexed_at).has_value();
 }
 
 void build_index(const fs::path& repo, const fs::path& db) {
@@ -69,7 +63,7 @@ void build_index(const fs::path& repo, const fs::path& db) {
             std::cerr << fmt::format("\r{} {}/{}\033[K", progress.phase, progress.done, progress.total) << std::flush;
         };
     }
-    const indexer::IndexStats stats = indexer::IndexBuilder(options).run();
+    const indexer::IndexStats stats = indexer::IndexBuilder(retrieval::index_options_with_retrieval(std::move(options))).run();
     if (tty) std::cerr << "\r\033[K";
     std::cerr << "kestrix: " << stats.summary() << '\n';
 }

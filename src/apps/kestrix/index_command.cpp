@@ -12,6 +12,7 @@
 
 #include "command.hpp"
 #include "orvane_kestrix/indexer/index_builder.hpp"
+#include "orvane_kestrix/retrieval/retrieval_tables.hpp"
 #include "orvane_kestrix/storage/sqlite_schema.hpp"
 
 namespace orvane_kestrix::app {
@@ -76,8 +77,8 @@ int run_index(const IndexArguments& arguments) {
     options.rebuild = arguments.rebuild;
     options.jobs = arguments.jobs;
     options.max_file_size = arguments.max_file_size;
-    options.retrieval_tables = !arguments.no_retriever;
     options.cancel = &interrupted;
+    if (!arguments.no_retriever) options = retrieval::index_options_with_retrieval(std::move(options));
 
     ProgressBar bar;
     if (isatty(STDERR_FILENO) != 0) {

@@ -5,18 +5,11 @@
 #include <sstream>
 
 #include "command.hpp"
-#include "orvane_kestrix/replay.hpp"
+#include "orvane_kestrix/fixture/replay.hpp"
 
 namespace orvane_kestrix::app {
 
 namespace {
-
-std::string one_line(std::string text) {
-    for (char& c : text) {
-        if (c == '\n' || c == '\r') c = ' ';
-    }
-    return text;
-}
 
 int run_replay(const std::string& file) {
     std::string text;
