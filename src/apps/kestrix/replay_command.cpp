@@ -6,17 +6,11 @@
 
 #include "command.hpp"
 #include "orvane_kestrix/replay.hpp"
+#include "service_failure.hpp"
 
 namespace orvane_kestrix::app {
 
 namespace {
-
-std::string one_line(std::string text) {
-    for (char& c : text) {
-        if (c == '\n' || c == '\r') c = ' ';
-    }
-    return text;
-}
 
 int run_replay(const std::string& file) {
     std::string text;
