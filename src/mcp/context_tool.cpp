@@ -68,7 +68,9 @@ Json input_schema() {
 
 Json output_schema() {
     const Json text = {{"type", "string"}};
-    const Json nullable_text = {{"type", {"string", "null"}}};
+    // anyOf rather than a list of types: clients that map schemas onto one type per value
+    // (function-calling dialects) keep it.
+    const Json nullable_text = {{"anyOf", {{{"type", "string"}}, {{"type", "null"}}}}};
     Json row_properties = Json::object();
     row_properties["fqn"] = text;
     row_properties["name"] = text;

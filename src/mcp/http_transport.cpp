@@ -190,7 +190,9 @@ private:
 }  // namespace
 
 bool is_loopback_host(std::string_view host) {
-    return host == "localhost" || host == "::1" || host.starts_with("127.");
+    if (host == "localhost" || host == "::1") return true;
+    // An IPv4 address in 127.0.0.0/8, not a name that merely starts like one (127.evil.example).
+    return host.starts_with("127.") && host.find_first_not_of("0123456789.") == std::string_view::npos;
 }
 
 HttpEndpoint parse_http_endpoint(std::string_view text) {

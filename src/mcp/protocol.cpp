@@ -16,6 +16,8 @@ bool is_legacy_version(std::string_view version) {
 
 bool is_supported_version(std::string_view version) { return version == kModernVersion || is_legacy_version(version); }
 
+bool is_request_id(const Json& id) { return id.is_string() || id.is_number_integer(); }
+
 Json error_response(const Json& id, int code, std::string_view message, const std::optional<Json>& data) {
     Json error = {{"code", code}, {"message", std::string(message)}};
     if (data) error["data"] = *data;

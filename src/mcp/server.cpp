@@ -19,8 +19,6 @@ constexpr std::string_view kInstructions =
     "symbols of this repository that the task is about, best first, with their files, signatures, docstrings, "
     "related symbols and covering tests, within a token budget.";
 
-bool is_valid_id(const Json& id) { return id.is_string() || id.is_number_integer(); }
-
 const Json* find_member(const Json& object, std::string_view key) {
     if (!object.is_object()) return nullptr;
     const auto it = object.find(key);
@@ -82,7 +80,7 @@ std::optional<Json> McpServer::handle(const Json& message, const RequestContext&
                               message.is_array() ? "Invalid request: batches are not supported" : "Invalid request: not an object");
     }
     const Json* id = find_member(message, "id");
-    if (id != nullptr && !is_valid_id(*id)) {
+    if (id != nullptr && !is_request_id(*id)) {
         return error_response(nullptr, error_code::invalid_request, "Invalid request: the id must be a string or an integer");
     }
     const Json reply_id = id != nullptr ? *id : Json(nullptr);
@@ -192,7 +190,7 @@ Json McpServer::call_tool(const Json& params, const RequestContext& context) {
     }
     const Json* meta = find_member(params, "_meta");
     const Json* token = meta != nullptr ? find_member(*meta, "progressToken") : nullptr;
-    const bool reports_progress = token != nullptr && is_valid_id(*token) && context.notify;
+    const bool reports_progress = token != nullptr && is_request_id(*token) && context.notify;
     auto report = [&](int progress, const std::string& message) {
         context.notify(Json{{"jsonrpc", "2.0"},
                             {"method", "notifications/progress"},

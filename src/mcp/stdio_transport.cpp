@@ -25,6 +25,9 @@ public:
     StdioSession(McpServer& server, std::istream& in, std::ostream& out) : server_(server), in_(in), out_(out) {}
 
     void run() {
+        // A tied output stream is flushed before each read, from the reading thread, while the
+        // answering thread writes to it.
+        in_.tie(nullptr);
         std::thread reader([this] { read_all(); });
         answer_all();
         reader.join();
@@ -73,7 +76,9 @@ private:
         }
         const auto params = message.find("params");
         if (params == message.end() || !params->is_object() || !params->contains("requestId")) return true;
-        const std::string key = id_key((*params)["requestId"]);
+        const Json& id = (*params)["requestId"];
+        if (!is_request_id(id)) return true;
+        const std::string key = id_key(id);
         std::lock_guard lock(mutex_);
         if (pending_.count(key) != 0) cancelled_.insert(key);
         return true;
@@ -90,7 +95,7 @@ private:
     static std::optional<std::string> request_key(const Incoming& incoming) {
         if (incoming.parse_failure || !incoming.message.is_object()) return std::nullopt;
         const auto id = incoming.message.find("id");
-        if (id == incoming.message.end() || !incoming.message.contains("method")) return std::nullopt;
+        if (id == incoming.message.end() || !is_request_id(*id) || !incoming.message.contains("method")) return std::nullopt;
         return id_key(*id);
     }
 

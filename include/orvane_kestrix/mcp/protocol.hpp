@@ -44,6 +44,9 @@ Json supported_versions();
 bool is_legacy_version(std::string_view version);
 bool is_supported_version(std::string_view version);
 
+// Whether a JSON value can be a request id (or a progress token): a string or an integer.
+bool is_request_id(const Json& id);
+
 // A request that gets a JSON-RPC error instead of a result.
 class ProtocolError : public std::runtime_error {
 public:
