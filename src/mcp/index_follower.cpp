@@ -11,6 +11,7 @@
 #include <unordered_map>
 
 #include "orvane_kestrix/indexer/file_walker.hpp"
+#include "orvane_kestrix/indexer/ignore_rules.hpp"
 
 namespace orvane_kestrix::mcp {
 
@@ -26,8 +27,8 @@ int milliseconds(std::chrono::milliseconds duration) { return static_cast<int>(d
 }  // namespace
 
 // inotify watches on every directory of the tree that the indexer may list (the directories a
-// walk skips, such as .git and build output, are left out), following directories as they
-// are made or moved in.
+// walk skips, such as .git and build output, and those that .gitignore files exclude are left
+// out), following directories as they are made or moved in.
 class IndexFollower::Watch {
 public:
     Watch(const fs::path& root, const fs::path& index_path) : root_(root) {
@@ -39,6 +40,7 @@ public:
             complete_ = false;
             return;
         }
+        ignore_.load("", (root_ / ".git" / "info" / "exclude").string());
         add_tree(root_);
     }
     ~Watch() {
@@ -81,7 +83,7 @@ private:
         // The index's own files change with every refresh.
         if (!name.empty() && name.starts_with(index_name_) && canonical(dir->second) == index_dir_) return false;
         if ((event.mask & IN_ISDIR) != 0 && (event.mask & (IN_CREATE | IN_MOVED_TO)) != 0) {
-            if (indexer::is_skipped_directory_name(name)) return false;
+            if (indexer::is_skipped_directory_name(name) || ignore_.ignored(relative(dir->second / name), true)) return false;
             add_tree(dir->second / name);
         }
         return true;
@@ -92,7 +94,12 @@ private:
         return fs::weakly_canonical(path, error);
     }
 
+    std::string relative(const fs::path& path) const { return path.lexically_relative(root_).generic_string(); }
+
+    // Watches `dir` and reads its .gitignore for what lies below.
     void add(const fs::path& dir) {
+        const std::string rel = relative(dir);
+        ignore_.load(rel == "." ? std::string() : rel, (dir / ".gitignore").string());
         const int wd = inotify_add_watch(fd_, dir.c_str(), kWatchedEvents);
         if (wd < 0) {
             complete_ = false;
@@ -107,7 +114,8 @@ private:
         fs::recursive_directory_iterator it(top, fs::directory_options::skip_permission_denied, error);
         for (; !error && it != fs::recursive_directory_iterator(); it.increment(error)) {
             if (it->is_symlink(error) || !it->is_directory(error)) continue;
-            if (indexer::is_skipped_directory_name(it->path().filename().string())) {
+            if (indexer::is_skipped_directory_name(it->path().filename().string()) ||
+                ignore_.ignored(relative(it->path()), true)) {
                 it.disable_recursion_pending();
                 continue;
             }
@@ -121,6 +129,7 @@ private:
     std::string index_name_;
     int fd_ = -1;
     bool complete_ = true;
+    indexer::IgnoreRules ignore_;
     std::unordered_map<int, fs::path> dirs_;
 };
 
