@@ -116,6 +116,10 @@ public:
             return;
         }
         const std::optional<Json> answer = server_.handle(message, context);
+        if (!answer) {
+            response.status = 202;
+            return;
+        }
         send_json(response, status_of(*answer, modern), *answer);
     }
 
