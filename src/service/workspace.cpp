@@ -113,8 +113,17 @@ bool Workspace::has_complete_index() const {
 indexer::IndexStats Workspace::refresh(const std::function<void(const indexer::IndexProgress&)>& on_progress,
                                        const std::atomic<bool>* cancel) {
     std::lock_guard lock(refresh_mutex_);
+    // Packs report indexing in progress while the index is behind the files: from the start
+    // when it is not complete, else from the moment the refresh finds files to parse (a
+    // refresh that finds nothing changed leaves packs as they were).
+    bool behind = true;
+    try {
+        behind = !has_complete_index();
+    } catch (const ServiceError&) {
+        // Damaged: the run below reports it.
+    }
     progress_.store(0);
-    refreshing_.store(true);
+    refreshing_.store(behind);
     struct EndOfRefresh {
         Workspace& workspace;
         ~EndOfRefresh() {
@@ -130,6 +139,7 @@ indexer::IndexStats Workspace::refresh(const std::function<void(const indexer::I
     options.cancel = cancel;
     options.on_progress = [&](const indexer::IndexProgress& progress) {
         progress_.store(progress_percent(progress));
+        if ((progress.phase == "parsing" && progress.total > 0) || progress.phase == "resolving") refreshing_.store(true);
         if (on_progress) on_progress(progress);
     };
     return translating_index_errors([&] { return indexer::IndexBuilder(options).run(); });

@@ -5,9 +5,12 @@
 
 #include <stdlib.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "orvane_kestrix/service/errors.hpp"
 #include "orvane_kestrix/service/workspace.hpp"
@@ -87,6 +90,35 @@ TEST_F(WorkspaceTest, PacksFollowARebuiltIndexFile) {
     const ContextPack after = workspace.pack({.task = "reconcile_ledger"});
     ASSERT_FALSE(after.symbols.empty());
     EXPECT_EQ(after.symbols[0].fqn, "python.shop.ledger.reconcile_ledger");
+}
+
+TEST_F(WorkspaceTest, RefreshesReportIndexingOnlyWhileTheIndexIsBehind) {
+    // Files written just now are read again by every refresh (their times are too recent to
+    // trust); these are an hour old.
+    for (const auto& entry : fs::recursive_directory_iterator(dir_ / "repo")) {
+        if (entry.is_regular_file()) fs::last_write_time(entry.path(), fs::file_time_type::clock::now() - std::chrono::hours(1));
+    }
+    service::Workspace workspace(options());
+    // The status packs would carry, seen at each step of a refresh.
+    auto statuses_during_refresh = [&] {
+        std::vector<std::pair<std::string, bool>> seen;
+        workspace.refresh([&](const indexer::IndexProgress& progress) {
+            seen.emplace_back(std::string(progress.phase), workspace.indexing_status().in_progress);
+        });
+        EXPECT_FALSE(workspace.indexing_status().in_progress) << "over once the refresh ends";
+        EXPECT_EQ(workspace.indexing_status().progress, 100);
+        return seen;
+    };
+    const auto first = statuses_during_refresh();
+    ASSERT_FALSE(first.empty());
+    for (const auto& [phase, in_progress] : first) EXPECT_TRUE(in_progress) << "first build, " << phase;
+
+    for (const auto& [phase, in_progress] : statuses_during_refresh()) EXPECT_FALSE(in_progress) << "nothing changed, " << phase;
+
+    std::ofstream(dir_ / "repo" / "python" / "shop" / "cart.py", std::ios::app) << "\ndef added():\n    pass\n";
+    const auto edited = statuses_during_refresh();
+    EXPECT_FALSE(edited.front().second) << "scanning finds the edit first";
+    EXPECT_TRUE(edited.back().second) << "then the refresh has work to do";
 }
 
 TEST(ProgressPercent, PhasesShareTheScale) {

@@ -57,7 +57,8 @@ public:
     bool has_complete_index() const;
 
     // Builds or refreshes the index on the calling thread; `on_progress` (optional) is called
-    // on this thread as work advances. While it runs, packs report indexing in progress.
+    // on this thread as work advances. While it runs with work to do (a first build, or files
+    // that changed), packs report indexing in progress.
     // `cancel`, when given, stops it at the next file. Throws DamagedIndexError or
     // IndexAccessError.
     indexer::IndexStats refresh(const std::function<void(const indexer::IndexProgress&)>& on_progress = {},
