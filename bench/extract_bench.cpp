@@ -1,6 +1,7 @@
 // Extraction throughput over this machine's Python standard library (site-packages left out):
-// every .py file read into memory first, then parsed and extracted on one thread, with the
-// language walkers and, for reference, with the queries they mirror.
+// every .py file read into memory first, then parsed and extracted on one thread, as the
+// indexer does; for reference in the same run, the same files parsed by the bare grammar, and
+// parsed and walked node by node (the floor under any extraction).
 // Reports files/s (items_per_second) and bytes/s, plus what was found.
 //
 //   build/extract_bench [--benchmark_filter=...]     KESTRIX_BENCH_DIR=/some/tree overrides the corpus
@@ -69,8 +70,6 @@ const std::vector<SourceFile>& corpus() {
     return files;
 }
 
-// state.range(0): 1 extracts with the language walkers (as the indexer does), 0 with the
-// tree-sitter queries they mirror.
 void BM_ExtractCorpus(benchmark::State& state) {
     const auto& files = corpus();
     if (files.empty()) {
@@ -79,9 +78,7 @@ void BM_ExtractCorpus(benchmark::State& state) {
     }
     std::size_t bytes = 0;
     for (const auto& f : files) bytes += f.content.size();
-    ExtractorOptions options;
-    options.use_walkers = state.range(0) != 0;
-    Extractor extractor(options);
+    Extractor extractor;
     std::size_t symbols = 0, references = 0, errors = 0, abandoned = 0;
     for (auto _ : state) {
         symbols = references = errors = abandoned = 0;
@@ -103,9 +100,9 @@ void BM_ExtractCorpus(benchmark::State& state) {
     state.counters["with_errors"] = static_cast<double>(errors);
     state.counters["abandoned"] = static_cast<double>(abandoned);
 }
-BENCHMARK(BM_ExtractCorpus)->ArgName("walkers")->Arg(1)->Arg(0)->Unit(benchmark::kSecond)->Iterations(2)->UseRealTime();
+BENCHMARK(BM_ExtractCorpus)->Unit(benchmark::kSecond)->Iterations(2)->UseRealTime();
 
-// The floor under extraction: the Python files parsed by the bare grammar, nothing queried.
+// The floor under extraction: the Python files parsed by the bare grammar, nothing walked.
 void BM_ParsePythonOnly(benchmark::State& state) {
     const auto& files = corpus();
     TSParser* parser = ts_parser_new();
@@ -129,6 +126,8 @@ void BM_ParsePythonOnly(benchmark::State& state) {
 }
 BENCHMARK(BM_ParsePythonOnly)->Unit(benchmark::kSecond)->Iterations(2)->UseRealTime();
 
+// Parsed, then every node visited by a cursor walk, as the language walkers do before they
+// look at any node.
 void BM_ParseWalkPython(benchmark::State& state) {
     const auto& files = corpus();
     TSParser* parser = ts_parser_new();

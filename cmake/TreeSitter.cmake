@@ -5,9 +5,9 @@
 set(KESTRIX_TREE_SITTER_DIR ${CMAKE_CURRENT_SOURCE_DIR}/third_party/tree-sitter)
 set(KESTRIX_TREE_SITTER_RUNTIME ${KESTRIX_TREE_SITTER_DIR}/tree-sitter/vendor/tree-sitter/lib)
 
-# The parsers are most of the indexer's time. With GCC they are built profile-guided: an
-# instrumented copy parses the sample repository's files and runs the indexer's queries over
-# them (cmake/tree-sitter-training.c), and the final build uses that profile (a fifth less
+# The parsers are most of the indexer's time. With GCC they are built profile-guided: the
+# indexer's extractor, linked with an instrumented copy, extracts the sample repository's
+# files (cmake/tree-sitter-training.cpp), and the final build uses that profile (a fifth less
 # parse time on the Python standard library; code the training did not reach is optimised as
 # usual). Sanitizer builds skip it.
 option(KESTRIX_TREE_SITTER_PGO "Build the tree-sitter parsers profile-guided (GCC only)" ON)
@@ -33,7 +33,8 @@ if(EXISTS ${KESTRIX_TREE_SITTER_RUNTIME}/src/lib.c)
     tree-sitter-rust/src
     tree-sitter-java/src
     tree-sitter-c/src
-    tree-sitter-cpp/src)
+    tree-sitter-cpp/src
+    tree-sitter-ruby/src)
   foreach(grammar_dir IN LISTS KESTRIX_GRAMMAR_DIRS)
     if(NOT EXISTS ${KESTRIX_TREE_SITTER_DIR}/${grammar_dir}/parser.c)
       message(FATAL_ERROR "tree-sitter grammar missing: ${KESTRIX_TREE_SITTER_DIR}/${grammar_dir}/parser.c (run scripts/fetch-tree-sitter)")
@@ -103,25 +104,26 @@ if(EXISTS ${KESTRIX_TREE_SITTER_RUNTIME}/src/lib.c)
       endforeach()
     endforeach()
     kestrix_tree_sitter_objects(ts_train "${KESTRIX_TREE_SITTER_C_FLAGS};-fprofile-generate;-fprofile-update=single" train_objects)
-    add_executable(tree_sitter_training cmake/tree-sitter-training.c ${train_objects})
+    # The extractor's sources (the language table, the walkers, the rules) compiled once more
+    # into the trainer, which links them with the instrumented parsers.
+    file(GLOB KESTRIX_EXTRACTOR_SOURCES CONFIGURE_DEPENDS
+      ${CMAKE_CURRENT_SOURCE_DIR}/src/indexer/extract*.cpp
+      ${CMAKE_CURRENT_SOURCE_DIR}/src/indexer/language*.cpp
+      ${CMAKE_CURRENT_SOURCE_DIR}/src/indexer/tree_walker.cpp)
+    add_executable(tree_sitter_training cmake/tree-sitter-training.cpp ${KESTRIX_EXTRACTOR_SOURCES} ${train_objects})
     target_include_directories(tree_sitter_training PRIVATE ${KESTRIX_TREE_SITTER_RUNTIME}/include)
-    target_compile_options(tree_sitter_training PRIVATE -O2 -w)
+    target_compile_options(tree_sitter_training PRIVATE ${KESTRIX_WARNINGS})
+    target_link_libraries(tree_sitter_training PRIVATE orvane_kestrix)
     target_link_options(tree_sitter_training PRIVATE -fprofile-generate)
-    set(training_patterns)
-    foreach(extension IN ITEMS py js ts tsx go rs java c h cpp hpp)
-      list(APPEND training_patterns ${CMAKE_CURRENT_SOURCE_DIR}/tests/sample_repo/*.${extension})
-    endforeach()
-    file(GLOB_RECURSE KESTRIX_TRAINING_FILES CONFIGURE_DEPENDS ${training_patterns})
+    file(GLOB_RECURSE KESTRIX_TRAINING_FILES CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/tests/sample_repo/*)
     list(SORT KESTRIX_TRAINING_FILES)
-    file(GLOB KESTRIX_TRAINING_QUERIES CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/src/indexer/queries/*.scm)
-    list(SORT KESTRIX_TRAINING_QUERIES)
     set(KESTRIX_PGO_STAMP ${CMAKE_CURRENT_BINARY_DIR}/tree-sitter-profile.h)
     # Counts add up across runs, so each training starts from no profile.
     add_custom_command(OUTPUT ${KESTRIX_PGO_STAMP}
       ${clear_profiles}
-      COMMAND tree_sitter_training ${KESTRIX_TRAINING_QUERIES} ${KESTRIX_TRAINING_FILES}
+      COMMAND tree_sitter_training ${KESTRIX_TRAINING_FILES}
       COMMAND ${CMAKE_COMMAND} -E touch ${KESTRIX_PGO_STAMP}
-      DEPENDS tree_sitter_training ${KESTRIX_TRAINING_QUERIES} ${KESTRIX_TRAINING_FILES}
+      DEPENDS tree_sitter_training ${KESTRIX_TRAINING_FILES}
       COMMENT "Profiling the tree-sitter parsers on the sample repository"
       VERBATIM)
     add_custom_target(tree_sitter_profile DEPENDS ${KESTRIX_PGO_STAMP})
@@ -134,35 +136,4 @@ if(EXISTS ${KESTRIX_TREE_SITTER_RUNTIME}/src/lib.c)
   add_library(tree_sitter_grammars STATIC ${final_objects})
   target_include_directories(tree_sitter_grammars PUBLIC ${KESTRIX_TREE_SITTER_RUNTIME}/include)
   set_target_properties(tree_sitter_grammars PROPERTIES LINKER_LANGUAGE C POSITION_INDEPENDENT_CODE ON)
-endif()
-
-# The indexer's query files, embedded into the binary as string constants so that the tool
-# needs no files at run time. Regenerated when a query file changes (the files are configure
-# dependencies); the header is rewritten only when its text changes.
-if(TARGET tree_sitter_grammars)
-  file(GLOB KESTRIX_QUERY_FILES CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/src/indexer/queries/*.scm)
-  list(SORT KESTRIX_QUERY_FILES)
-  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${KESTRIX_QUERY_FILES})
-  set(KESTRIX_QUERY_HEADER_TEXT "// Generated by cmake/TreeSitter.cmake from src/indexer/queries/*.scm. Do not edit.\n#pragma once\n#include <string_view>\nnamespace orvane_kestrix::indexer::queries {\n")
-  foreach(query_file IN LISTS KESTRIX_QUERY_FILES)
-    get_filename_component(query_name ${query_file} NAME_WE)
-    string(MAKE_C_IDENTIFIER ${query_name} query_name)
-    file(READ ${query_file} query_text)
-    string(FIND "${query_text}" ")kq\"" delimiter_clash)
-    if(NOT delimiter_clash EQUAL -1)
-      message(FATAL_ERROR "${query_file} contains the raw string delimiter )kq\"")
-    endif()
-    string(APPEND KESTRIX_QUERY_HEADER_TEXT "inline constexpr std::string_view ${query_name} = R\"kq(${query_text})kq\";\n")
-  endforeach()
-  string(APPEND KESTRIX_QUERY_HEADER_TEXT "}  // namespace orvane_kestrix::indexer::queries\n")
-  set(KESTRIX_QUERY_HEADER ${CMAKE_CURRENT_BINARY_DIR}/generated/orvane_kestrix/indexer_queries.hpp)
-  set(existing_text "")
-  if(EXISTS ${KESTRIX_QUERY_HEADER})
-    file(READ ${KESTRIX_QUERY_HEADER} existing_text)
-  endif()
-  if(NOT existing_text STREQUAL KESTRIX_QUERY_HEADER_TEXT)
-    file(WRITE ${KESTRIX_QUERY_HEADER} "${KESTRIX_QUERY_HEADER_TEXT}")
-  endif()
-  # Whoever links the grammars (the indexer) sees the generated header too.
-  target_include_directories(tree_sitter_grammars PUBLIC ${CMAKE_CURRENT_BINARY_DIR}/generated)
 endif()

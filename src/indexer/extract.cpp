@@ -1,5 +1,5 @@
 // The extractor: parses a file with its language's grammar, finds the captures with the
-// language's walker (or, without one, its query), and turns them into symbols (qualified
+// language's walker, and turns them into symbols (qualified
 // names, kinds, exports, lines, signatures, docstrings), references (with their callers) and
 // imports.
 
@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstring>
 #include <limits>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include "extract_internal.hpp"
+#include "languages.hpp"
 #include "orvane_kestrix/indexer/extraction.hpp"
 #include "orvane_kestrix/text/unicode.hpp"
 
@@ -113,7 +115,7 @@ std::string qualifier_of(std::string_view text, const RawRef& ref) {
 
 class Engine {
 public:
-    Engine(Context& ctx, const LanguageRules& rules, TSQueryCursor* cursor) : ctx_(ctx), rules_(rules), cursor_(cursor) {}
+    Engine(Context& ctx, const LanguageRules& rules) : ctx_(ctx), rules_(rules) {}
 
     void run(TSNode root) {
         collect(root);
@@ -128,80 +130,11 @@ public:
 
 private:
     void collect(TSNode root) {
-        if (!ctx_.options.use_walkers || !rules_.walk(ctx_, root, captures_)) collect_by_query(root);
-        // Comments arrive in document order per pattern, but keep them sorted for lookups.
+        rules_.walk(ctx_, root, captures_);
+        // Keep comments sorted for the lookups of doc comments, whatever order the walk found them in.
         std::sort(captures_.comments.begin(), captures_.comments.end(), [](TSNode a, TSNode b) {
             return ts_node_start_byte(a) < ts_node_start_byte(b);
         });
-    }
-
-    void collect_by_query(TSNode root) {
-        const CompiledQuery& query = compiled_query(ctx_.language);
-        ts_query_cursor_exec(cursor_, query.query, root);
-        TSQueryMatch match;
-        while (ts_query_cursor_next_match(cursor_, &match)) {
-            if (!query.predicates[match.pattern_index].empty() && !predicates_hold(query, match, ctx_.text)) {
-                continue;
-            }
-            TSNode name{}, callee{}, def{}, ref{}, scope{}, scope_name{};
-            CaptureInfo def_info, ref_info;
-            bool anonymous_scope = false;
-            for (std::uint16_t i = 0; i < match.capture_count; ++i) {
-                const TSQueryCapture& capture = match.captures[i];
-                const CaptureInfo& info = query.captures[capture.index];
-                switch (info.role) {
-                    case Role::ignore: break;
-                    case Role::name: name = capture.node; break;
-                    case Role::callee: callee = capture.node; break;
-                    case Role::definition:
-                        def = capture.node;
-                        def_info = info;
-                        break;
-                    case Role::reference:
-                        ref = capture.node;
-                        ref_info = info;
-                        break;
-                    case Role::import: captures_.imports.push_back(capture.node); break;
-                    case Role::comment: captures_.comments.push_back(capture.node); break;
-                    case Role::package: ctx_.package = node_text(ctx_.text, capture.node); break;
-                    case Role::scope_impl: scope = capture.node; break;
-                    case Role::scope_name: scope_name = capture.node; break;
-                    case Role::scope_anonymous:
-                        scope = capture.node;
-                        anonymous_scope = true;
-                        break;
-                    case Role::export_name: ctx_.export_names.push_back(node_text(ctx_.text, capture.node)); break;
-                    case Role::tokens: rules_.token_references(ctx_, capture.node, captures_.refs); break;
-                    case Role::not_use: captures_.not_uses.push_back(ts_node_start_byte(capture.node)); break;
-                }
-            }
-            if (!ts_node_is_null(def)) {
-                RawDef d;
-                d.node = def;
-                d.outer = def;
-                d.name_node = name;
-                d.kind = def_info.kind;
-                d.hoisted = def_info.hoisted;
-                captures_.defs.push_back(std::move(d));
-            }
-            if (!ts_node_is_null(ref)) {
-                RawRef r;
-                r.anchor = ref;
-                r.name_node = name;
-                r.callee = callee;
-                r.usage = ref_info.usage;
-                captures_.refs.push_back(std::move(r));
-            }
-            if (!ts_node_is_null(scope)) {
-                RawDef frame;
-                frame.node = scope;
-                frame.outer = scope;
-                frame.kind = Kind::frame;
-                frame.internal = anonymous_scope;
-                frame.name_node = scope_name;
-                captures_.defs.push_back(std::move(frame));
-            }
-        }
     }
 
     void build_definitions() {
@@ -225,7 +158,7 @@ private:
             if (a.end_byte != b.end_byte) return a.end_byte > b.end_byte;
             return a.name.data() < b.name.data();
         });
-        // The same definition found by several patterns: keep the most specific kind.
+        // The same definition found twice (under two kinds): keep the most specific kind.
         std::vector<RawDef> unique;
         unique.reserve(defs.size());
         for (auto& d : defs) {
@@ -407,7 +340,7 @@ private:
     }
 
     void emit_references() {
-        // Names of definitions are not uses of them; nor are the names the query marked.
+        // Names of definitions are not uses of them; nor are the names the walker marked.
         std::vector<std::uint32_t> definition_names;
         definition_names.reserve(defs_.size());
         for (const auto& d : defs_) {
@@ -439,7 +372,7 @@ private:
         out.reserve(kept.size());
         const RawRef* previous = nullptr;
         for (const auto& r : kept) {
-            // One use found by several patterns (a type that is also a base class): the most
+            // One use found twice (a type that is also a base class): the most
             // telling usage wins.
             if (previous && !r.name && !previous->name && !ts_node_is_null(r.name_node) &&
                 same_node(r.name_node, previous->name_node)) {
@@ -471,7 +404,6 @@ private:
 
     Context& ctx_;
     const LanguageRules& rules_;
-    TSQueryCursor* cursor_;
     Captures captures_;
     std::vector<RawDef> defs_;
     std::vector<std::optional<std::size_t>> container_;
@@ -526,13 +458,9 @@ TSTree* parse_with_budget(TSParser* parser, std::string_view text) {
 struct Extractor::Impl {
     ExtractorOptions options;
     TSParser* parser = nullptr;
-    TSQueryCursor* cursor = nullptr;
 
-    explicit Impl(ExtractorOptions o) : options(o), parser(ts_parser_new()), cursor(ts_query_cursor_new()) {}
-    ~Impl() {
-        ts_query_cursor_delete(cursor);
-        ts_parser_delete(parser);
-    }
+    explicit Impl(ExtractorOptions o) : options(o), parser(ts_parser_new()) {}
+    ~Impl() { ts_parser_delete(parser); }
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
 };
@@ -545,13 +473,11 @@ FileExtraction Extractor::extract(Language language, std::string_view path, std:
     std::string normalized;
     std::string_view text = normalize(content, normalized) ? std::string_view(normalized) : content;
 
-    if (language == Language::markdown) {
-        extract_markdown(path, text, impl_->options, out);
-        return out;
-    }
-    if (!is_source_language(language)) {
-        out.module_name = dotted_path_module(path, false);
-        return out;
+    switch (language_spec(language).reading) {
+        case Reading::markdown: extract_markdown(path, text, impl_->options, out); return out;
+        case Reading::none: out.module_name = dotted_path_module(path, false); return out;
+        case Reading::parsed: break;
+        case Reading::unset: throw std::logic_error("the language table leaves the reading of a language unset");
     }
     // Offsets are 32-bit in the parser.
     if (text.size() >= std::numeric_limits<std::uint32_t>::max()) {
@@ -582,7 +508,7 @@ FileExtraction Extractor::extract(Language language, std::string_view path, std:
 
     LineIndex lines(text);
     Context ctx{language, path, text, lines, impl_->options, out, {}, {}, false, {}, false};
-    Engine engine(ctx, rules_for(language), impl_->cursor);
+    Engine engine(ctx, rules_for(language));
     engine.run(root);
     return out;
 }

@@ -1,7 +1,7 @@
 #pragma once
-// Internals of the extractor shared by its source files: the compiled queries, the per-file
-// context, the raw definitions a language's walker (or query) finds, and the per-language
-// rules that turn those into symbols, exports, docstrings and imports.
+// Internals of the extractor shared by its source files: the per-file context, the raw
+// definitions a language's walker finds, and the per-language rules that turn those into
+// symbols, exports, docstrings and imports.
 
 #include <cstddef>
 #include <cstdint>
@@ -52,52 +52,8 @@ bool is_callable(Kind kind);
 enum class Usage : std::uint8_t { call, import, type, inherit };
 std::string_view usage_name(Usage usage);
 
-// ---------------------------------------------------------------------------------------------
-// Compiled queries (one per language, shared by all extractors)
-
-enum class Role : std::uint8_t {
-    ignore,       // helper captures (names starting with "_")
-    name,         // the defined or referenced identifier
-    callee,       // the whole callee expression; the qualifier is what precedes the name in it
-    definition,   // @definition.<kind>[.hoisted]
-    reference,    // @reference.<usage>
-    import,       // an import statement, handed to the language rules
-    comment,      // a comment (doc comments are found by position)
-    package,      // the file's package (Go, Java)
-    scope_impl,   // a Rust impl block
-    scope_name,   // the impl's type
-    scope_anonymous,  // a C++ anonymous namespace
-    export_name,  // a name exported by an export clause (JavaScript)
-    tokens,       // tokens the grammar leaves unparsed (Rust macro arguments), read by the rules
-    not_use,      // a name that other patterns would take for a use but is none
-};
-
-struct CaptureInfo {
-    Role role = Role::ignore;
-    Kind kind = Kind::function;
-    Usage usage = Usage::call;
-    bool hoisted = false;  // Python instance attributes: scoped to the class of their method
-};
-
-struct Predicate;
-
-struct CompiledQuery {
-    const TSLanguage* language = nullptr;
-    TSQuery* query = nullptr;
-    std::vector<CaptureInfo> captures;  // by capture id
-    std::vector<std::vector<Predicate>> predicates;  // by pattern index
-};
-
-// The grammar of a parsed language.
+// The grammar of a parsed language (null for the others).
 const TSLanguage* grammar(Language language);
-
-// The compiled query of a parsed language; compiled once per process on first use.
-// Throws std::logic_error when a query does not compile (a bug in the shipped query text).
-const CompiledQuery& compiled_query(Language language);
-
-// Whether the match passes its pattern's #eq?, #not-eq?, #any-of?, #match? and #not-match?
-// predicates (the C API leaves them to the caller).
-bool predicates_hold(const CompiledQuery& query, const TSQueryMatch& match, std::string_view text);
 
 // ---------------------------------------------------------------------------------------------
 // Source text helpers
@@ -194,7 +150,7 @@ inline RawRef import_reference(TSNode at, std::string name, std::string qualifie
     return ref;
 }
 
-// What the query (or a language's walker) finds in a tree, before the rules complete it.
+// What a language's walker finds in a tree, before the rules complete it.
 struct Captures {
     std::vector<RawDef> defs;  // definitions and scope frames
     std::vector<RawRef> refs;
@@ -223,10 +179,9 @@ class LanguageRules {
 public:
     virtual ~LanguageRules() = default;
 
-    // Finds the captures with a walk of the tree (tree_walker.hpp) instead of the language's
-    // query, and returns true; false when the language has no walker. Like the query path, it
-    // may set file-level facts in `ctx` (export clauses).
-    virtual bool walk(Context& ctx, TSNode root, Captures& out) const;
+    // Finds the captures with a walk of the tree (tree_walker.hpp). It may also set file-level
+    // facts in `ctx` (package, export clauses).
+    virtual void walk(Context& ctx, TSNode root, Captures& out) const = 0;
     // Before the definitions are built: file-level facts (package, __all__, export clauses).
     virtual void prepare(Context& ctx, const std::vector<RawDef>& defs) const;
     // Completes one captured definition (name, kind, outer node, scope, own export rule), or
@@ -243,12 +198,13 @@ public:
     virtual std::optional<std::string> signature(const Context& ctx, const RawDef& def) const;
     // Adds the imports (and their import references) of one import node.
     virtual void imports(Context& ctx, TSNode node, std::vector<RawRef>& refs) const = 0;
-    // Completes a reference (its name node when the query left it to the rules) or drops it.
+    // Completes a reference (its name node when the walker left it to the rules) or drops it.
     virtual bool complete_reference(const Context& ctx, RawRef& ref) const;
     // Adds the uses found in a run of unparsed tokens.
     virtual void token_references(const Context& ctx, TSNode tokens, std::vector<RawRef>& refs) const;
 };
 
+// The rules of a parsed language (languages.cpp).
 const LanguageRules& rules_for(Language language);
 
 // Shared building blocks for the rules.

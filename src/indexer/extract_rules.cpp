@@ -1,5 +1,5 @@
 // What the languages share: kind and usage names, the default rules, doc comments found by
-// position, and the table of rules by language.
+// position.
 
 #include <algorithm>
 #include <string>
@@ -57,8 +57,6 @@ std::string_view usage_name(Usage usage) {
 
 // ---------------------------------------------------------------------------------------------
 // Default rules
-
-bool LanguageRules::walk(Context&, TSNode, Captures&) const { return false; }
 
 void LanguageRules::prepare(Context&, const std::vector<RawDef>&) const {}
 
@@ -146,30 +144,6 @@ void add_import(Context& ctx, std::string module, std::vector<std::string> names
     import.alias = std::move(alias);
     import.line = ts_node_start_point(at).row + 1;
     ctx.out.imports.push_back(std::move(import));
-}
-
-// Defined in the language_*.cpp files.
-const LanguageRules& python_rules();
-const LanguageRules& javascript_rules();
-const LanguageRules& go_rules();
-const LanguageRules& rust_rules();
-const LanguageRules& java_rules();
-const LanguageRules& c_rules();
-
-const LanguageRules& rules_for(Language language) {
-    switch (language) {
-        case Language::python: return python_rules();
-        case Language::javascript:
-        case Language::typescript:
-        case Language::tsx: return javascript_rules();
-        case Language::go: return go_rules();
-        case Language::rust: return rust_rules();
-        case Language::java: return java_rules();
-        case Language::c:
-        case Language::cpp: return c_rules();
-        default: break;
-    }
-    return python_rules();
 }
 
 }  // namespace orvane_kestrix::indexer::detail

@@ -3,6 +3,8 @@
 #include <array>
 #include <cctype>
 
+#include "languages.hpp"
+
 namespace orvane_kestrix::indexer {
 
 namespace {
@@ -21,11 +23,6 @@ std::string_view directory(std::string_view path) {
 std::string_view base_name(std::string_view name) {
     const auto dot = name.rfind('.');
     return dot == std::string_view::npos || dot == 0 ? name : name.substr(0, dot);
-}
-
-std::string_view extension(std::string_view name) {
-    const auto dot = name.rfind('.');
-    return dot == std::string_view::npos || dot == 0 ? std::string_view() : name.substr(dot + 1);
 }
 
 bool in_test_directory(std::string_view path) {
@@ -62,62 +59,48 @@ std::string marked_tested_stem(std::string_view base) {
     return {};
 }
 
-bool is_camel_case_language(std::string_view ext) { return ext == "java" || ext == "kt"; }
+// Whether `base` (a file name without extension) carries one of the language's test markers.
+bool has_test_marker(std::string_view base, const TestNaming& naming) {
+    for (std::string_view suffix : naming.never_suffixes) {
+        if (base.ends_with(suffix)) return false;
+    }
+    for (std::string_view suffix : naming.suffixes) {
+        if (base.size() > suffix.size() && base.ends_with(suffix)) return true;
+    }
+    for (std::string_view prefix : naming.prefixes) {
+        if (base.size() > prefix.size() && base.starts_with(prefix) &&
+            (!naming.camel_case || is_upper(base[prefix.size()]))) {
+            return true;
+        }
+    }
+    return false;
+}
 
 }  // namespace
 
 bool is_test_path(std::string_view path, Language language) {
     if (in_test_directory(path)) return true;
     const std::string_view name = file_name(path);
-    const std::string_view base = base_name(name);
-    switch (language) {
-        case Language::python:
-            return name == "conftest.py" || (base.size() > 5 && base.starts_with("test_")) ||
-                   (base.size() > 5 && base.ends_with("_test"));
-        case Language::go:
-            return base.size() > 5 && base.ends_with("_test");
-        case Language::javascript:
-        case Language::typescript:
-        case Language::tsx:
-            return (base.size() > 5 && (base.ends_with(".test") || base.ends_with(".spec")));
-        case Language::java:
-            return !camel_tested_stem(base).empty();
-        case Language::rust:
-            return base.size() > 5 && base.ends_with("_test");
-        case Language::c:
-        case Language::cpp:
-            return !marked_tested_stem(base).empty() && !base.ends_with(".test") && !base.ends_with(".spec") &&
-                   !base.ends_with("_spec");
-        default:
-            return false;
+    const TestNaming& naming = language_spec(language).tests;
+    for (std::string_view test_file : naming.file_names) {
+        if (name == test_file) return true;
     }
+    return has_test_marker(base_name(name), naming);
 }
 
-std::string tested_stem(std::string_view test_path) {
-    const std::string_view name = file_name(test_path);
-    const std::string_view base = base_name(name);
-    if (is_camel_case_language(extension(name))) return camel_tested_stem(base);
-    return marked_tested_stem(base);
+std::string tested_stem(std::string_view test_path, Language test_language) {
+    const std::string_view base = base_name(file_name(test_path));
+    return language_spec(test_language).tests.camel_case ? camel_tested_stem(base) : marked_tested_stem(base);
 }
 
 int language_family(Language language) {
-    switch (language) {
-        case Language::javascript:
-        case Language::typescript:
-        case Language::tsx:
-            return 1;
-        case Language::c:
-        case Language::cpp:
-            return 2;
-        default:
-            return 10 + static_cast<int>(language);
-    }
+    return static_cast<int>(language_spec(language).family);
 }
 
 bool is_named_test_for(std::string_view test_path, Language test_language, std::string_view source_path,
                        Language source_language) {
     if (test_path == source_path || language_family(test_language) != language_family(source_language)) return false;
-    const std::string stem = tested_stem(test_path);
+    const std::string stem = tested_stem(test_path, test_language);
     return !stem.empty() && stem == base_name(file_name(source_path));
 }
 

@@ -1,21 +1,16 @@
 #include "orvane_kestrix/indexer/index_store.hpp"
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <string>
+
+#include "languages.hpp"
 
 namespace orvane_kestrix::indexer {
 
 using storage::Statement;
 
 namespace {
-
-constexpr std::array kAllLanguages = {
-    Language::python, Language::javascript, Language::typescript, Language::tsx,      Language::go,
-    Language::rust,   Language::java,       Language::c,          Language::cpp,      Language::markdown,
-    Language::json,   Language::yaml,       Language::toml,
-};
 
 // The largest id a table has ever held: its rows', or the mark in meta (rows at the end of the
 // table may have been deleted since).
@@ -30,8 +25,8 @@ std::int64_t last_id(storage::Database& db, const char* table, const char* meta_
 }  // namespace
 
 std::optional<Language> language_from_name(std::string_view name) {
-    for (Language language : kAllLanguages) {
-        if (language_name(language) == name) return language;
+    for (const LanguageSpec& spec : all_languages()) {
+        if (spec.name == name) return spec.language;
     }
     return std::nullopt;
 }

@@ -123,7 +123,7 @@ TSNode with_templates(TSNode node) {
 }
 
 // The ids of the node types and fields the walker looks at, in the C or the C++ grammar; the
-// patterns of cpp.scm are switched on for C++, as the query texts are assembled.
+// C++-only constructs are looked for in C++ only.
 struct CGrammar {
     bool cpp = false;
     TSSymbol function_definition, translation_unit, declaration, preproc_ifdef, preproc_if, preproc_else, preproc_elif,
@@ -201,7 +201,7 @@ const CGrammar& c_grammar(Language language) {
     return g;
 }
 
-// Finds what queries/c.scm (and, for C++, cpp.scm) captures, pattern by pattern.
+// Finds the definitions, references, comments and includes of a C or C++ tree.
 class CWalker final : public TreeWalker {
 public:
     CWalker(const CGrammar& g, Context& ctx, Captures& out) : TreeWalker(ctx, out), g_(g) {}
@@ -317,13 +317,13 @@ private:
     void visit(TSNode node) override {
         const TSSymbol symbol = ts_node_symbol(node);
         if (symbol == g_.identifier || symbol == g_.field_identifier) {
-            // The commonest nodes, none of them a pattern's root.
+            // The commonest nodes, none of them of interest.
         } else if (symbol == g_.type_identifier) {
             reference(node, node, {}, Usage::type);
         } else if (symbol == g_.call_expression) {
             call(node);
         } else if (g_.cpp && visit_cpp(node, symbol)) {
-            // A C++ pattern's root.
+            // A C++-only construct.
         } else if (symbol == g_.comment) {
             out_.comments.push_back(node);
         } else if (symbol == g_.function_definition) {
@@ -361,9 +361,8 @@ private:
 
 class CRules final : public LanguageRules {
 public:
-    bool walk(Context& ctx, TSNode root, Captures& out) const override {
+    void walk(Context& ctx, TSNode root, Captures& out) const override {
         CWalker(c_grammar(ctx.language), ctx, out).walk(root);
-        return true;
     }
 
     void prepare(Context& ctx, const std::vector<RawDef>&) const override {

@@ -74,7 +74,7 @@ struct GoGrammar {
     }
 };
 
-// Finds what queries/go.scm captures, pattern by pattern.
+// Finds the definitions, references, comments, package and imports of a Go tree.
 class GoWalker final : public TreeWalker {
 public:
     GoWalker(const GoGrammar& g, Context& ctx, Captures& out) : TreeWalker(ctx, out), g_(g) {}
@@ -127,7 +127,7 @@ private:
     void visit(TSNode node) override {
         const TSSymbol symbol = ts_node_symbol(node);
         if (symbol == g_.identifier || symbol == g_.field_identifier) {
-            // The commonest nodes, none of them a pattern's root.
+            // The commonest nodes, none of them of interest.
         } else if (symbol == g_.type_identifier) {
             reference(node, node, {}, Usage::type);
         } else if (symbol == g_.call_expression) {
@@ -180,10 +180,9 @@ private:
 
 class GoRules final : public LanguageRules {
 public:
-    bool walk(Context& ctx, TSNode root, Captures& out) const override {
+    void walk(Context& ctx, TSNode root, Captures& out) const override {
         static const GoGrammar kGrammar;
         GoWalker(kGrammar, ctx, out).walk(root);
-        return true;
     }
 
     void definitions(Context& ctx, RawDef def, std::vector<RawDef>& out) const override {

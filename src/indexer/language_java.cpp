@@ -67,7 +67,7 @@ struct JavaGrammar {
     }
 };
 
-// Finds what queries/java.scm captures, pattern by pattern.
+// Finds the definitions, references, comments, package and imports of a Java tree.
 class JavaWalker final : public TreeWalker {
 public:
     JavaWalker(const JavaGrammar& g, Context& ctx, Captures& out) : TreeWalker(ctx, out), g_(g) {}
@@ -112,7 +112,7 @@ private:
     void visit(TSNode node) override {
         const TSSymbol symbol = ts_node_symbol(node);
         if (symbol == g_.identifier) {
-            // The commonest node, no pattern's root.
+            // The commonest node, of no interest.
         } else if (symbol == g_.type_identifier) {
             reference(node, node, {}, Usage::type);
         } else if (symbol == g_.method_invocation) {
@@ -161,10 +161,9 @@ private:
 
 class JavaRules final : public LanguageRules {
 public:
-    bool walk(Context& ctx, TSNode root, Captures& out) const override {
+    void walk(Context& ctx, TSNode root, Captures& out) const override {
         static const JavaGrammar kGrammar;
         JavaWalker(kGrammar, ctx, out).walk(root);
-        return true;
     }
 
     void definitions(Context& ctx, RawDef def, std::vector<RawDef>& out) const override {

@@ -33,8 +33,8 @@ bool has_private_modifier(const Context& ctx, TSNode node) {
 }
 
 // The ids of the node types and fields the walker looks at, in one of the three grammars.
-// Types a grammar lacks are 0 (no node has it); the patterns of the TypeScript, JSX and
-// JavaScript-only query files are switched on by language, as the query texts are assembled.
+// Types a grammar lacks are 0 (no node has it); TypeScript, JSX and JavaScript-only constructs
+// are looked for in the languages that have them.
 struct JavaScriptGrammar {
     bool typescript = false, jsx = false, javascript_only = false;
     TSSymbol program, function_declaration, generator_function_declaration, class_declaration, method_definition,
@@ -136,16 +136,23 @@ struct JavaScriptGrammar {
     }
 };
 
+// The ids of the grammar of one of the languages these rules serve (the table gives them to
+// JavaScript, TypeScript and TSX only).
 const JavaScriptGrammar& javascript_grammar(Language language) {
-    switch (language) {
-        case Language::typescript: { static const JavaScriptGrammar g(Language::typescript); return g; }
-        case Language::tsx: { static const JavaScriptGrammar g(Language::tsx); return g; }
-        default: { static const JavaScriptGrammar g(Language::javascript); return g; }
+    if (language == Language::typescript) {
+        static const JavaScriptGrammar g(Language::typescript);
+        return g;
     }
+    if (language == Language::tsx) {
+        static const JavaScriptGrammar g(Language::tsx);
+        return g;
+    }
+    static const JavaScriptGrammar g(Language::javascript);
+    return g;
 }
 
-// Finds what queries/javascript.scm (with typescript.scm, javascript_only.scm and jsx.scm as
-// the language takes them) captures, pattern by pattern.
+// Finds the definitions, references, comments, imports and export clauses of a JavaScript,
+// TypeScript or TSX tree.
 class JavaScriptWalker final : public TreeWalker {
 public:
     JavaScriptWalker(const JavaScriptGrammar& g, Context& ctx, Captures& out) : TreeWalker(ctx, out), g_(g) {}
@@ -331,9 +338,9 @@ private:
             call(node);
         } else if (symbol == g_.identifier || symbol == g_.property_identifier || symbol == g_.member_expression ||
                    symbol == g_.string) {
-            // The commonest nodes, none of them a pattern's root.
+            // The commonest nodes, none of them of interest.
         } else if (g_.typescript && visit_typescript(node, symbol)) {
-            // A TypeScript pattern's root.
+            // A TypeScript-only construct.
         } else if (symbol == g_.comment) {
             out_.comments.push_back(node);
         } else if (symbol == g_.variable_declarator) {
@@ -379,9 +386,8 @@ private:
 
 class JavaScriptRules final : public LanguageRules {
 public:
-    bool walk(Context& ctx, TSNode root, Captures& out) const override {
+    void walk(Context& ctx, TSNode root, Captures& out) const override {
         JavaScriptWalker(javascript_grammar(ctx.language), ctx, out).walk(root);
-        return true;
     }
 
     void definitions(Context& ctx, RawDef def, std::vector<RawDef>& out) const override {

@@ -66,7 +66,7 @@ struct PythonGrammar {
     }
 };
 
-// Finds what queries/python.scm captures, pattern by pattern.
+// Finds the definitions, references, comments and imports of a Python tree.
 class PythonWalker final : public TreeWalker {
 public:
     PythonWalker(const PythonGrammar& g, Context& ctx, Captures& out) : TreeWalker(ctx, out), g_(g) {}
@@ -162,10 +162,9 @@ private:
 
 class PythonRules final : public LanguageRules {
 public:
-    bool walk(Context& ctx, TSNode root, Captures& out) const override {
+    void walk(Context& ctx, TSNode root, Captures& out) const override {
         static const PythonGrammar kGrammar;
         PythonWalker(kGrammar, ctx, out).walk(root);
-        return true;
     }
 
     // __all__ = [...] / (...) at module level names the exports exactly.

@@ -84,8 +84,8 @@ struct RustGrammar {
     }
 };
 
-// Finds what queries/rust.scm captures, pattern by pattern; macro arguments go to the rules'
-// token reader, as the query's @tokens captures do.
+// Finds the definitions, references, comments and imports of a Rust tree; macro arguments,
+// which the grammar leaves as tokens, go to the rules' token reader.
 class RustWalker final : public TreeWalker {
 public:
     RustWalker(const RustGrammar& g, const LanguageRules& rules, Context& ctx, Captures& out)
@@ -158,7 +158,7 @@ private:
     void visit(TSNode node) override {
         const TSSymbol symbol = ts_node_symbol(node);
         if (symbol == g_.identifier || symbol == g_.field_identifier || symbol == g_.token_tree) {
-            // The commonest nodes, none of them a pattern's root.
+            // The commonest nodes, none of them of interest.
         } else if (symbol == g_.type_identifier) {
             reference(node, node, {}, Usage::type);
         } else if (symbol == g_.call_expression) {
@@ -205,10 +205,9 @@ private:
 
 class RustRules final : public LanguageRules {
 public:
-    bool walk(Context& ctx, TSNode root, Captures& out) const override {
+    void walk(Context& ctx, TSNode root, Captures& out) const override {
         static const RustGrammar kGrammar;
         RustWalker(kGrammar, *this, ctx, out).walk(root);
-        return true;
     }
 
     void definitions(Context& ctx, RawDef def, std::vector<RawDef>& out) const override {

@@ -11,6 +11,7 @@
 #include <unordered_set>
 
 #include "orvane_kestrix/indexer/file_classification.hpp"
+#include "languages.hpp"
 
 namespace orvane_kestrix::indexer {
 
@@ -84,18 +85,12 @@ std::optional<std::string> join_path(std::string_view base, std::string_view rel
 
 // File names that stand for their directory as a module.
 bool is_package_file(std::string_view stem, Language language) {
-    switch (language) {
-        case Language::python:
-            return stem == "__init__";
-        case Language::javascript:
-        case Language::typescript:
-        case Language::tsx:
-            return stem == "index";
-        case Language::rust:
-            return stem == "mod" || stem == "lib" || stem == "main";
-        default:
-            return false;
-    }
+    const auto& package_files = language_spec(language).imports.package_files;
+    return std::find(package_files.begin(), package_files.end(), stem) != package_files.end();
+}
+
+ModulePaths module_paths(Language language) {
+    return language_spec(language).imports.module_paths;
 }
 
 bool is_header(std::string_view path) {
@@ -138,7 +133,7 @@ bool is_member_kind(std::string_view kind) {
 
 // Languages where code inside a class reaches its members by bare name.
 bool reaches_members_without_receiver(Language language) {
-    return language == Language::java || language == Language::c || language == Language::cpp;
+    return language_spec(language).imports.bare_names_reach_members;
 }
 
 enum class QualifierKind { none, value, type_path };
@@ -304,8 +299,8 @@ public:
         add_symbols({file}, ref.name, out, 0, fit);
         if (!out.empty()) return finish(out);
 
-        // 3. The other files of the same Go or Java package.
-        if (language == Language::go || language == Language::java) {
+        // 3. The other files of the same package, where a package is a directory (Go, Java).
+        if (language_spec(language).imports.package_is_directory) {
             if (auto dir = dir_files_.find(std::string(directory_of(s_.files[file].path))); dir != dir_files_.end()) {
                 FileList same;
                 for (Index other : dir->second) {
@@ -393,7 +388,7 @@ private:
                 path_no_ext_[std::string(dir)].push_back(i);
                 if (!dir.empty()) register_suffixes(suffix_no_ext_, std::string(dir), i);
             }
-            if (language_family(file.language) == language_family(Language::c)) {
+            if (module_paths(file.language) == ModulePaths::include_files) {
                 register_suffixes(suffix_with_ext_, file.path, i);
                 c_stem_files_[std::string(stem)].push_back(i);
             }
@@ -475,11 +470,9 @@ private:
     // `from pkg import mod`: the module pkg.mod, when `name` is a module rather than an item.
     FileList resolve_submodule(Index file, const Binding& binding, const std::string& name) const {
         const Language language = s_.files[file].language;
-        std::string separator = ".";
-        if (language == Language::rust) separator = "::";
-        if (language == Language::go || language_family(language) == language_family(Language::javascript)) separator = "/";
+        const std::string separator(language_spec(language).imports.submodule_separator);
         const std::string& module = binding.module_raw;
-        const bool bare = module.empty() || module.ends_with(separator) || (language == Language::python && module.back() == '.');
+        const bool bare = module.empty() || module.ends_with(separator);
         auto target = resolve_module(file, module + (bare ? "" : separator) + name);
         return target.member ? FileList{} : target.files;
     }
@@ -492,7 +485,8 @@ private:
         ModuleTarget target;
         if (module.empty()) return target;
 
-        if (language_family(language) == language_family(Language::c)) {
+        const ModulePaths paths = module_paths(language);
+        if (paths == ModulePaths::include_files) {
             if (auto joined = join_path(dir, module)) {
                 if (auto it = exact_path_.find(*joined); it != exact_path_.end()) target.files = it->second;
             }
@@ -514,8 +508,8 @@ private:
             return target;
         }
 
-        const bool js = language_family(language) == language_family(Language::javascript);
-        if (js && (module.starts_with("./") || module.starts_with("../") || module == "." || module == "..")) {
+        const bool file_paths = paths == ModulePaths::relative_files;
+        if (file_paths && (module.starts_with("./") || module.starts_with("../") || module == "." || module == "..")) {
             auto joined = join_path(dir, module);
             if (!joined) return target;
             if (auto it = exact_path_.find(*joined); it != exact_path_.end()) {
@@ -536,7 +530,7 @@ private:
         std::vector<std::string> parts;
         std::string base;  // directory the parts start from, when the module is relative
         bool relative = false;
-        if (language == Language::python && module.starts_with('.')) {
+        if (paths == ModulePaths::python_modules && module.starts_with('.')) {
             std::size_t dots = 0;
             while (dots < module.size() && module[dots] == '.') ++dots;
             std::string up(dir);
@@ -548,7 +542,7 @@ private:
             base = up;
             relative = true;
             parts = split(std::string_view(module).substr(dots), ".");
-        } else if (language == Language::rust) {
+        } else if (paths == ModulePaths::rust_paths) {
             parts = split(module, "");
             if (!parts.empty() && parts[0] == "crate") {
                 base = crate_root(from.path);
@@ -565,9 +559,9 @@ private:
                 base = module_dir;
                 relative = true;
             }
-        } else if (js) {
+        } else if (file_paths) {
             return target;  // a package from outside the repository
-        } else if (language == Language::go) {
+        } else if (paths == ModulePaths::go_packages) {
             parts = split(module, "/");
         } else {
             parts = split(module, ".");
@@ -588,12 +582,12 @@ private:
         }
 
         // Go imports name a directory (a package).
-        if (language == Language::go) {
+        if (paths == ModulePaths::go_packages) {
             const std::string joined = join(parts, parts.size());
             const std::string path = relative ? (base.empty() ? joined : (joined.empty() ? base : base + "/" + joined)) : joined;
             if (auto it = dir_files_.find(path); relative && it != dir_files_.end()) {
                 for (Index f : it->second) {
-                    if (s_.files[f].language == Language::go) target.files.push_back(f);
+                    if (s_.files[f].language == language) target.files.push_back(f);
                 }
             }
             return target;
@@ -822,7 +816,7 @@ DerivedData derive_index_data(const IndexSnapshot& snapshot) {
         }
         // The source file a test is named after, even when its uses could not be resolved,
         // as long as the name is not ambiguous.
-        const std::string stem = tested_stem(test_file.path);
+        const std::string stem = tested_stem(test_file.path, test_file.language);
         if (!stem.empty()) {
             if (auto it = sources_by_stem.find(stem); it != sources_by_stem.end()) {
                 FileList named;

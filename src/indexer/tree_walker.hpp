@@ -1,9 +1,7 @@
 #pragma once
 // The base of the languages' tree walkers: one pre-order walk over every node of a parse tree,
-// with helpers that record captures the way the language's query patterns would. A walker
-// finds the same captures as the query at a fraction of the cost (the query engine's
-// traversal costs as much as everything else extraction does); the extraction tests run both
-// and compare.
+// with helpers that record what the walk finds (definitions, references, scope frames). One
+// cursor walk costs a fraction of what a tree-sitter query's traversal over the same tree does.
 
 #include <string_view>
 #include <vector>
@@ -32,7 +30,7 @@ protected:
     virtual void visit(TSNode node) = 0;
 
     static bool is(TSNode node, TSSymbol symbol) { return !ts_node_is_null(node) && ts_node_symbol(node) == symbol; }
-    // A named node (what a query's `(_)` matches).
+    // A named node (not punctuation or a keyword).
     static bool is_named(TSNode node) { return !ts_node_is_null(node) && ts_node_is_named(node); }
     // The first child in a field (null when there is none).
     static TSNode field(TSNode node, TSFieldId id) { return ts_node_child_by_field_id(node, id); }

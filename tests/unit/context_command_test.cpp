@@ -103,7 +103,7 @@ TEST_F(ContextCommandTest, IndexesOnFirstUseAndPacksTheNamedFunctionFirst) {
     const ToolRun first = kestrix({"context", "Fix total_price rounding of tax", "--repo", fresh.string()});
     ASSERT_EQ(first.status, 0) << first.err;
     EXPECT_TRUE(fs::exists(fresh / ".kestrix" / "index.db"));
-    EXPECT_NE(first.err.find("indexed 29 files"), std::string::npos) << first.err;
+    EXPECT_NE(first.err.find("indexed 32 files"), std::string::npos) << first.err;
     Json pack = first.json();
     ASSERT_FALSE(pack.at("symbols").empty());
     EXPECT_EQ(pack["symbols"][0]["fqn"], "python.shop.cart.total_price");

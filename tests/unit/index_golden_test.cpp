@@ -84,13 +84,13 @@ TEST_F(SampleIndex, RecordsEachFileWithItsFlagsAndComponent) {
                         "' component=' || c.name FROM files f JOIN components c ON c.id = f.component_id ORDER BY f.path")),
               join(expected_lines("files.txt")));
     EXPECT_EQ(stats_.skipped, (std::map<std::string, std::int64_t>{{"unsupported", 3}}));
-    EXPECT_EQ(stats_.files, 29);
-    EXPECT_EQ(stats_.parsed, 29);
+    EXPECT_EQ(stats_.files, 32);
+    EXPECT_EQ(stats_.parsed, 32);
 }
 
 TEST_F(SampleIndex, HasOneComponentPerManifestDirectoryAndTopLevelFolder) {
     EXPECT_EQ(join(rows("SELECT name FROM components ORDER BY name")),
-              join({".", "config", "docs", "go", "java", "native", "python", "rust", "web"}));
+              join({".", "config", "docs", "go", "java", "native", "python", "ruby", "rust", "web"}));
 }
 
 TEST_F(SampleIndex, RanksTheTestsThatReachEachSourceFile) {
@@ -160,7 +160,7 @@ TEST_F(SampleIndex, SecondRunOverTheSameTreeParsesNothing) {
     options.db = dir_ / "index.db";
     const IndexStats again = IndexBuilder(options).run();
     EXPECT_EQ(again.parsed, 0);
-    EXPECT_EQ(again.unchanged, 29);
+    EXPECT_EQ(again.unchanged, 32);
     EXPECT_EQ(again.symbols, stats_.symbols);
     EXPECT_EQ(again.references, stats_.references);
 }

@@ -36,6 +36,9 @@ TEST(TestFileConventions, ByLanguage) {
         {"native/ring_unittest.cpp", Language::cpp, true}, {"native/ring.c", Language::c, false},
         {"docs/test_plan.md", Language::markdown, false},  {"test/fixtures/data.json", Language::json, true},
         {"protester/main.go", Language::go, false},
+        {"lib/cart_test.rb", Language::ruby, true},        {"lib/test_cart.rb", Language::ruby, true},
+        {"lib/cart_spec.rb", Language::ruby, true},        {"lib/spec_helper.rb", Language::ruby, false},
+        {"native/test_ring.spec.c", Language::c, false},
     };
     for (const auto& c : cases) EXPECT_EQ(is_test_path(c.path, c.language), c.is_test) << c.path;
 }

@@ -12,7 +12,9 @@
 
 namespace orvane_kestrix::indexer {
 
-enum class Language { python, javascript, typescript, tsx, go, rust, java, c, cpp, markdown, json, yaml, toml };
+// Each language has one row in the language table (src/indexer/languages.cpp), in this order.
+enum class Language { python, javascript, typescript, tsx, go, rust, java, c, cpp, ruby, markdown, json, yaml, toml };
+inline constexpr std::size_t kLanguageCount = static_cast<std::size_t>(Language::toml) + 1;
 
 // The language of a repository path by its extension,
 // or absent for a file the index does not record.
@@ -73,21 +75,18 @@ struct FileExtraction {
 
 struct ExtractorOptions {
     std::size_t docstring_limit = 4000;  // bytes; longer docstrings are cut and flagged
-    // Languages with a hand-written tree walker use it (faster); false runs every language's
-    // tree-sitter query, the reference the walkers are checked against.
-    bool use_walkers = true;
 };
 
 // Module names (the prefix of fqns) by language: Python, the path without ".py" with "/" as
 // "." ("pkg/__init__.py" is "pkg"; a leading ".../src/" is dropped); JS/TS, the path without
 // its extension, dotted; Go, the package clause; Rust, the path below src/ (or tests/...),
 // dotted, with lib.rs, main.rs and mod.rs standing for their directory; Java, the package;
-// C and C++, none (namespaces qualify); Markdown, the dotted path.
+// C and C++, none (namespaces qualify); Ruby, none (classes and modules qualify); Markdown,
+// the dotted path.
 
-// Parses files of any supported language. Not thread-safe: one extractor per thread
-// (compiled queries are shared between extractors internally). Any bytes are accepted: the
-// content is read as the index reads files (ill-formed UTF-8 replaced, CR LF and CR as LF, so
-// line numbers match), and every string of the result is valid UTF-8.
+// Parses files of any supported language. Not thread-safe: one extractor per thread. Any bytes
+// are accepted: the content is read as the index reads files (ill-formed UTF-8 replaced, CR LF
+// and CR as LF, so line numbers match), and every string of the result is valid UTF-8.
 class Extractor {
 public:
     explicit Extractor(ExtractorOptions options = {});

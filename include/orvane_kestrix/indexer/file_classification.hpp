@@ -14,13 +14,16 @@ namespace orvane_kestrix::indexer {
 
 // A test file: under a tests/, test/, __tests__/ or spec/ directory, or named like one in its
 // language (test_x.py, x_test.py, conftest.py, x_test.go, x.test.ts, x.spec.js, XTest.java,
-// XTests.java, TestX.java, XIT.java, x_test.rs, test_x.c, x_test.cc, x_unittest.cpp...).
+// XTests.java, TestX.java, XIT.java, x_test.rs, test_x.c, x_test.cc, x_unittest.cpp, x_test.rb,
+// x_spec.rb...). The conventions of each language are in its row of the language table.
 bool is_test_path(std::string_view path, Language language);
 
 // The name a test file is named after, without test markers and extension ("cart" for
 // tests/test_cart.py, "point" for point_test.go, "format" for format.test.js, "Inventory" for
-// InventoryTest.java), or empty when the file name carries no test marker.
-std::string tested_stem(std::string_view test_path);
+// InventoryTest.java), or empty when the file name carries no test marker. Languages that
+// name tests in camel case drop only camel-case markers; the others drop any snake- or
+// dot-marker (test_x, x_test, x_tests, x_unittest, x_spec, x.test, x.spec).
+std::string tested_stem(std::string_view test_path, Language test_language);
 
 // Whether the test file is named after the source file: the same name once the test markers
 // are removed, in the same language family (C with C++, JavaScript with TypeScript).
