@@ -35,8 +35,8 @@ export function sampleRepoCopy() {
 // kestrix mcp on stdio, spoken to line by line: send() writes one message, next() waits for
 // the next line the server writes.
 export class StdioServer {
-  constructor(args) {
-    this.child = spawn(KESTRIX, ['mcp', ...args], { stdio: ['pipe', 'pipe', 'pipe'] });
+  constructor(args, env = process.env) {
+    this.child = spawn(KESTRIX, ['mcp', ...args], { stdio: ['pipe', 'pipe', 'pipe'], env });
     this.lines = [];
     this.waiters = [];
     this.stderr = '';
