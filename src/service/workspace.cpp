@@ -106,7 +106,7 @@ bool Workspace::has_complete_index() const {
         std::error_code error;
         if (!fs::exists(index_path_, error)) return false;
         storage::Database database = storage::open_index(index_path_, {.read_only = true});
-        return storage::read_meta(database, "indexed_at").has_value();
+        return storage::read_meta(database, storage::meta_key::indexed_at).has_value();
     });
 }
 

@@ -5,8 +5,7 @@
 #include <sstream>
 
 #include "command.hpp"
-#include "orvane_kestrix/replay.hpp"
-#include "service_failure.hpp"
+#include "orvane_kestrix/fixture/replay.hpp"
 
 namespace orvane_kestrix::app {
 

@@ -3,16 +3,10 @@
 #include <iostream>
 #include <string>
 
+#include "command.hpp"
 #include "orvane_kestrix/service/errors.hpp"
 
 namespace orvane_kestrix::app {
-
-std::string one_line(std::string text) {
-    for (char& c : text) {
-        if (c == '\n' || c == '\r') c = ' ';
-    }
-    return text;
-}
 
 int exit_code_for(const std::exception& error) {
     if (dynamic_cast<const service::MissingRepositoryError*>(&error) != nullptr) return 2;

@@ -3,13 +3,9 @@
 // code, chosen here for every subcommand.
 
 #include <exception>
-#include <string>
 #include <string_view>
 
 namespace orvane_kestrix::app {
-
-// The text with its line breaks made spaces, for messages that must stay on one line.
-std::string one_line(std::string text);
 
 // Exit codes: 2 for a repository that is not a directory (a usage error), 1 for everything
 // else (an unknown component, a damaged or unreadable index).
