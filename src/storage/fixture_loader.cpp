@@ -2,17 +2,24 @@
 // path in the document, e.g. "symbols[2].fqn".
 
 #include <cctype>
+#include <cstdint>
 #include <filesystem>
 #include <string_view>
 
 #include "orvane_kestrix/paths.hpp"
 #include "orvane_kestrix/storage/fixture_repository.hpp"
+#include "orvane_kestrix/workers/context_builder/constants.hpp"
 
 namespace orvane_kestrix {
 
 namespace {
 
 using Json = nlohmann::ordered_json;
+
+// Bounds of the fixture's counts and line numbers: wide enough for any real repository, narrow
+// enough that sums of 25 rows (tokens used, snippet lines) cannot overflow.
+constexpr std::int64_t kMaxCount = 1'000'000'000;
+constexpr std::int64_t kMaxLine = 1'000'000'000;
 
 [[noreturn]] void fail(const std::string& key, const std::string& problem) {
     throw FixtureError("invalid fixture: " + key + ": " + problem);
@@ -76,8 +83,9 @@ public:
     void optional_text(std::string_view name, std::optional<std::string>& out) const {
         if (const Json* v = find(name)) out = v->is_null() ? std::nullopt : std::optional(as_text(*v, key(name)));
     }
-    void integer(std::string_view name, std::int64_t& out) const {
-        if (const Json* v = find(name)) out = as_integer(*v, key(name));
+    void integer(std::string_view name, std::int64_t& out, std::int64_t low = INT64_MIN,
+                 std::int64_t high = INT64_MAX) const {
+        if (const Json* v = find(name)) out = as_integer(*v, key(name), low, high);
     }
     void optional_integer(std::string_view name, std::optional<std::int64_t>& out) const {
         if (const Json* v = find(name)) out = v->is_null() ? std::nullopt : std::optional(as_integer(*v, key(name)));
@@ -96,10 +104,12 @@ public:
         expect(v.is_string(), key, "a string", v);
         return v.get<std::string>();
     }
-    static std::int64_t as_integer(const Json& v, const std::string& key) {
+    static std::int64_t as_integer(const Json& v, const std::string& key, std::int64_t low = INT64_MIN,
+                                   std::int64_t high = INT64_MAX) {
         expect(v.is_number_integer(), key, "an integer", v);
-        if (v.is_number_unsigned() && v.get<std::uint64_t>() > static_cast<std::uint64_t>(INT64_MAX)) {
-            fail(key, "integer out of range");
+        const bool too_large = v.is_number_unsigned() && v.get<std::uint64_t>() > static_cast<std::uint64_t>(high);
+        if (too_large || v.get<std::int64_t>() < low || v.get<std::int64_t>() > high) {
+            fail(key, "integer out of range (" + std::to_string(low) + " to " + std::to_string(high) + ")");
         }
         return v.get<std::int64_t>();
     }
@@ -133,13 +143,13 @@ Symbol parse_symbol(const Json& value, const std::string& path) {
     r.text("kind", s.kind);
     r.optional_integer("file_id", s.file_id);
     r.boolean("is_export", s.is_export);
-    r.integer("start_line", s.start_line);
+    r.integer("start_line", s.start_line, -kMaxLine, kMaxLine);
     s.end_line = s.start_line;
-    r.integer("end_line", s.end_line);
+    r.integer("end_line", s.end_line, -kMaxLine, kMaxLine);
     r.optional_text("signature", s.signature);
     r.optional_text("docstring", s.docstring);
     r.boolean("docstring_truncated", s.docstring_truncated);
-    r.integer("token_count", s.stored_token_count);
+    r.integer("token_count", s.stored_token_count, 0, kMaxCount);
     return s;
 }
 
@@ -201,13 +211,14 @@ void parse_request(const Json& value, Fixture& fixture) {
     if (!task) fail("request.task", "missing");
     PackRequest& req = fixture.request;
     req.task = Reader::as_text(*task, "request.task");
-    r.integer("token_budget", req.token_budget);
+    r.integer("token_budget", req.token_budget, 0, MAX_TOKEN_BUDGET);
     r.optional_text("component_filter", req.component_filter);
     r.boolean("include_snippets", req.include_snippets);
     if (const Json* root = r.find("repo_root"); root && !root->is_null()) {
         std::string rel = Reader::as_text(*root, "request.repo_root");
         std::filesystem::path p(rel);
         if (p.is_absolute() || p.has_root_directory()) fail("request.repo_root", "must be a relative path");
+        if (!is_contained_relative(rel)) fail("request.repo_root", "the path must stay inside the source tree");
         req.repo_root = p;
     }
     if (const Json* kinds = r.find("prefer_kinds"); kinds && !kinds->is_null()) {
@@ -291,7 +302,7 @@ Fixture parse_fixture(const Json& document) {
             if (id_text.empty() || used != id_text.size() || std::isspace(static_cast<unsigned char>(id_text[0]))) {
                 fail(key, "the key is not a decimal symbol id");
             }
-            f.fan_in[id] = Reader::as_integer(count, key);
+            f.fan_in[id] = Reader::as_integer(count, key, 0, kMaxCount);
         }
     }
     if (const Json* v = top.find("references")) {
@@ -356,7 +367,7 @@ Fixture parse_fixture(const Json& document) {
             Reader i(*indexing, "builder.indexing");
             FixtureIndexing status;
             i.boolean("in_progress", status.in_progress);
-            i.integer("progress", status.progress);
+            i.integer("progress", status.progress, 0, 100);
             f.indexing = status;
         }
     }
@@ -385,7 +396,7 @@ Fixture parse_fixture(const Json& document) {
             } else if (spec.is_object()) {
                 Reader r(spec, key);
                 r.text("message", failure.message);
-                r.integer("from_call", failure.from_call);
+                r.integer("from_call", failure.from_call, 0, kMaxCount);
             } else {
                 expect(false, key, "a message or {\"message\": ..., \"from_call\": n}", spec);
             }
@@ -396,6 +407,43 @@ Fixture parse_fixture(const Json& document) {
     if (!request) fail("request", "missing");
     parse_request(*request, f);
     return f;
+}
+
+Fixture parse_fixture_text(std::string_view text) {
+    // The parser reports a number beyond a double's range without saying where; the key it
+    // belongs to is followed here, one frame per open object or list.
+    struct Frame {
+        bool is_list = false;
+        std::size_t index = 0;
+        std::string key;
+    };
+    std::vector<Frame> frames;
+    auto value_done = [&frames] {
+        if (!frames.empty() && frames.back().is_list) ++frames.back().index;
+    };
+    const Json::parser_callback_t follow = [&](int, Json::parse_event_t event, Json& parsed) {
+        switch (event) {
+            case Json::parse_event_t::object_start: frames.push_back({}); break;
+            case Json::parse_event_t::array_start: frames.push_back({.is_list = true, .index = 0, .key = {}}); break;
+            case Json::parse_event_t::key: frames.back().key = parsed.get<std::string>(); break;
+            case Json::parse_event_t::object_end:
+            case Json::parse_event_t::array_end:
+                frames.pop_back();
+                value_done();
+                break;
+            case Json::parse_event_t::value: value_done(); break;
+        }
+        return true;
+    };
+    Json document;
+    try {
+        document = Json::parse(text.begin(), text.end(), follow);
+    } catch (const Json::out_of_range&) {
+        std::string key;
+        for (const auto& frame : frames) key = frame.is_list ? item(key, frame.index) : child(key, frame.key);
+        fail(key.empty() ? "fixture" : key, "number out of range");
+    }
+    return parse_fixture(document);
 }
 
 }  // namespace orvane_kestrix

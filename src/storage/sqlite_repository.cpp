@@ -217,6 +217,14 @@ std::vector<FileRecord> SqliteRepository::get_files_by_component(std::int64_t co
 
 SymbolSearchResult SqliteRepository::search_symbols(const std::string& pattern, std::int64_t limit, bool source_only) {
     const NamePatternPlan plan = plan_name_pattern(pattern);
+    SymbolSearchResult result;
+    result.pattern = pattern;
+    // SQLite refuses a LIKE pattern beyond its length limit; no name in an index is that long
+    // (the indexer drops longer qualified names), so such a pattern matches nothing.
+    if (plan.route != NamePatternRoute::exact &&
+        pattern.size() > static_cast<std::size_t>(sqlite3_limit(db_.handle(), SQLITE_LIMIT_LIKE_PATTERN_LENGTH, -1))) {
+        return result;
+    }
     Statement* q = nullptr;
     switch (plan.route) {
         case NamePatternRoute::exact: q = &statements_->search_exact; break;
@@ -235,8 +243,6 @@ SymbolSearchResult SqliteRepository::search_symbols(const std::string& pattern, 
     // One row past the limit tells whether the cut dropped matches; a negative limit is none.
     const bool unlimited = limit < 0 || limit == std::numeric_limits<std::int64_t>::max();
     q->bind(5, unlimited ? std::int64_t{-1} : limit + 1);
-    SymbolSearchResult result;
-    result.pattern = pattern;
     while (q->step()) {
         if (limit < 0 || result.total < limit) result.symbols.push_back(read_symbol(*q));
         ++result.total;

@@ -90,6 +90,13 @@ struct Fixture {
 // Parses and checks a fixture; throws FixtureError naming the offending key.
 Fixture parse_fixture(const nlohmann::ordered_json& document);
 
+// Parses fixture text as JSON, then as parse_fixture does. A number too large for a double
+// is a FixtureError naming its key; bad JSON throws nlohmann::json::parse_error.
+Fixture parse_fixture_text(std::string_view text);
+
+// The largest fixture document read (a replay input beyond it is refused unread).
+inline constexpr std::size_t kMaxFixtureBytes = std::size_t{64} << 20;
+
 // The calls made on the fixture index, retriever and tokenizer, in order.
 class CallLog {
 public:

@@ -10,9 +10,9 @@
 #include <limits>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <vector>
 
+#include "orvane_kestrix/beneath_root.hpp"
 #include "orvane_kestrix/text/unicode.hpp"
 #include "orvane_kestrix/workers/context_builder/context_builder.hpp"
 
@@ -20,44 +20,9 @@ namespace orvane_kestrix {
 
 namespace {
 
-// Closes a descriptor when the read is done, whichever way it ends.
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    ~FileDescriptor() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
-
-// The whole content of a regular file, or nothing when the operating system refuses it: a
-// missing file, a directory, no permission, a read error. Anything that is not a regular file
-// (a FIFO, a device, a socket) is refused too, so a read can neither block nor run forever.
-std::optional<std::string> read_regular_file(const std::filesystem::path& path) {
-    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    if (fd.get() < 0) return std::nullopt;
-    struct stat info {};
-    if (::fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode)) return std::nullopt;
-
-    std::string content;
-    if (info.st_size > 0) content.reserve(static_cast<std::size_t>(info.st_size));
-    char buffer[65536];
-    for (;;) {
-        const ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
-        if (n == 0) break;
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return std::nullopt;
-        }
-        content.append(buffer, static_cast<std::size_t>(n));
-    }
-    return content;
-}
+// Files larger than this get no snippet: the whole file is read for a head of at most a few
+// hundred lines, and nothing the indexer keeps comes from a file this large.
+constexpr std::uint64_t kMaxSnippetFileBytes = 256ull << 20;
 
 // a - b, saturated to the range of int64 (the caps are plain integers to the caller).
 std::int64_t saturating_difference(std::int64_t a, std::int64_t b) {
@@ -72,19 +37,24 @@ std::int64_t saturating_difference(std::int64_t a, std::int64_t b) {
 
 std::pair<std::optional<std::string>, std::int64_t> ContextBuilder::_extract_snippet(
     const std::filesystem::path& file_path, std::int64_t start_line, std::int64_t end_line,
-    std::int64_t total_lines_so_far, std::int64_t max_lines, std::int64_t total_cap) {
+    std::int64_t total_lines_so_far, std::int64_t max_lines, std::int64_t total_cap,
+    const RootDirectory* beneath) {
     // The pack's cap is used up: do not touch the file at all.
     const std::int64_t remaining_lines = saturating_difference(total_cap, total_lines_so_far);
     if (remaining_lines <= 0) return {std::nullopt, 0};
 
-    std::error_code error;
-    if (!std::filesystem::exists(file_path, error) || error) return {std::nullopt, 0};
-    auto raw = read_regular_file(file_path);
-    if (!raw) return {std::nullopt, 0};
+    // A missing file, a directory, anything but a regular file, a path out of the root: no
+    // snippet. Without a root the path is opened as it is.
+    std::string raw;
+    struct stat info {};
+    const int fd = beneath ? beneath->open_file(file_path.native())
+                           : ::open(file_path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    if (fd < 0 || read_regular_file(fd, kMaxSnippetFileBytes, raw, info) != FileRead::ok) return {std::nullopt, 0};
+    const std::string_view raw_text = raw;
 
     // Text as the rest of the system sees it: undecodable bytes replaced, CR LF and lone CR
     // read as LF, a byte-order mark kept.
-    const std::string content = text::universal_newlines(text::decode_utf8_lenient(*raw));
+    const std::string content = text::universal_newlines(text::decode_utf8_lenient(raw_text));
 
     // Line starts; a line runs up to and including its LF, the last one may have none.
     std::vector<std::size_t> line_starts;
