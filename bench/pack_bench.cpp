@@ -8,7 +8,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "orvane_kestrix/storage/fixture_repository.hpp"
+#include "orvane_kestrix/fixture/fixture_repository.hpp"
 
 namespace {
 

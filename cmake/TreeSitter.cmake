@@ -104,12 +104,14 @@ if(EXISTS ${KESTRIX_TREE_SITTER_RUNTIME}/src/lib.c)
       endforeach()
     endforeach()
     kestrix_tree_sitter_objects(ts_train "${KESTRIX_TREE_SITTER_C_FLAGS};-fprofile-generate;-fprofile-update=single" train_objects)
-    # The extractor's sources (the language table, the walkers, the rules) compiled once more
+    # The extractor's sources (the language table, the walkers, the rules, the file
+    # classification the C walker asks about headers) compiled once more
     # into the trainer, which links them with the instrumented parsers.
     file(GLOB KESTRIX_EXTRACTOR_SOURCES CONFIGURE_DEPENDS
       ${CMAKE_CURRENT_SOURCE_DIR}/src/indexer/extract*.cpp
       ${CMAKE_CURRENT_SOURCE_DIR}/src/indexer/language*.cpp
-      ${CMAKE_CURRENT_SOURCE_DIR}/src/indexer/tree_walker.cpp)
+      ${CMAKE_CURRENT_SOURCE_DIR}/src/indexer/tree_walker.cpp
+      ${CMAKE_CURRENT_SOURCE_DIR}/src/indexer/file_classification.cpp)
     add_executable(tree_sitter_training cmake/tree-sitter-training.cpp ${KESTRIX_EXTRACTOR_SOURCES} ${train_objects})
     target_include_directories(tree_sitter_training PRIVATE ${KESTRIX_TREE_SITTER_RUNTIME}/include)
     target_compile_options(tree_sitter_training PRIVATE ${KESTRIX_WARNINGS})

@@ -5,7 +5,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -63,12 +62,17 @@ int RootDirectory::open_file(std::string_view relative) const {
             const long fd = ::syscall(SYS_openat2, fd_, path.c_str(), &how, sizeof how);
             if (fd >= 0) return static_cast<int>(fd);
             if (errno == EINTR || errno == EAGAIN) continue;  // EAGAIN: a rename raced the lookup
-            if (errno != ENOSYS && errno != EPERM) return -1;
+            if (errno == ENOSYS || errno == EPERM) {
+                openat2_missing.store(true, std::memory_order_relaxed);
+                break;
+            }
+            // openat2 refuses every absolute link, also one that leads back inside: such a
+            // path gets the descriptor check below.
+            if (errno != EXDEV) return -1;
             break;
         }
-        openat2_missing.store(true, std::memory_order_relaxed);
     }
-    // Without openat2: open, then ask where the descriptor really is.
+    // Open, then ask where the descriptor really is.
     if (path.front() == '/') {
         errno = EXDEV;
         return -1;
@@ -81,52 +85,6 @@ int RootDirectory::open_file(std::string_view relative) const {
         return -1;
     }
     return fd;
-}
-
-FileRead read_regular_file(int fd, std::uint64_t max_size, std::string& out, struct stat& st) {
-    struct Closer {
-        int fd;
-        ~Closer() { ::close(fd); }
-    } closer{fd};
-    out.clear();
-    if (::fstat(fd, &st) != 0) return FileRead::unreadable;
-    if (!S_ISREG(st.st_mode)) return FileRead::special;
-    if (static_cast<std::uint64_t>(st.st_size) > max_size) return FileRead::too_large;
-    // The size may change while the file is read: read until the end, one byte past the cap.
-    const std::uint64_t limit = max_size == UINT64_MAX ? max_size : max_size + 1;
-    out.resize(static_cast<std::size_t>(st.st_size));
-    std::size_t filled = 0;
-    for (;;) {
-        if (filled == out.size()) {
-            if (out.size() >= limit) break;
-            out.resize(static_cast<std::size_t>(std::min<std::uint64_t>(limit, out.size() + 65536)));
-        }
-        const ssize_t n = ::read(fd, out.data() + filled, out.size() - filled);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            out.clear();
-            return FileRead::unreadable;
-        }
-        if (n == 0) break;
-        filled += static_cast<std::size_t>(n);
-    }
-    out.resize(filled);
-    if (filled > max_size) {
-        out.clear();
-        return FileRead::too_large;
-    }
-    return FileRead::ok;
-}
-
-FileRead read_file_beneath(const RootDirectory& root, std::string_view relative, std::uint64_t max_size,
-                           std::string& out, struct stat& st) {
-    const int fd = root.open_file(relative);
-    if (fd < 0) {
-        out.clear();
-        if (errno == ENOENT || errno == ENOTDIR) return FileRead::missing;
-        return errno == EXDEV ? FileRead::refused : FileRead::unreadable;
-    }
-    return read_regular_file(fd, max_size, out, st);
 }
 
 }  // namespace orvane_kestrix

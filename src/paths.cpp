@@ -1,21 +1,58 @@
 #include "orvane_kestrix/paths.hpp"
 
-#include <filesystem>
+#include <vector>
 
 namespace orvane_kestrix {
 
-bool is_contained_relative(std::string_view path) {
-    const std::filesystem::path p(path);
-    if (p.is_absolute() || p.has_root_name() || p.has_root_directory()) return false;
-    int depth = 0;
-    for (const auto& part : p) {
-        if (part == "..") {
-            if (--depth < 0) return false;
-        } else if (part != "." && !part.empty()) {
-            ++depth;
+std::string_view directory_of(std::string_view path) {
+    const auto slash = path.rfind('/');
+    return slash == std::string_view::npos ? std::string_view() : path.substr(0, slash);
+}
+
+std::string_view file_name_of(std::string_view path) {
+    const auto slash = path.rfind('/');
+    return slash == std::string_view::npos ? path : path.substr(slash + 1);
+}
+
+std::string_view without_extension(std::string_view name) {
+    const auto dot = name.rfind('.');
+    return dot == std::string_view::npos || dot == 0 ? name : name.substr(0, dot);
+}
+
+std::string_view extension_of(std::string_view name) {
+    const auto dot = name.rfind('.');
+    return dot == std::string_view::npos || dot == 0 ? std::string_view() : name.substr(dot + 1);
+}
+
+std::optional<std::string> join_relative(std::string_view base, std::string_view relative) {
+    std::vector<std::string_view> parts;
+    auto fold = [&](std::string_view path) {
+        while (!path.empty()) {
+            const auto slash = path.find('/');
+            const std::string_view part = path.substr(0, slash);
+            path = slash == std::string_view::npos ? std::string_view() : path.substr(slash + 1);
+            if (part.empty() || part == ".") continue;
+            if (part != "..") {
+                parts.push_back(part);
+            } else if (parts.empty()) {
+                return false;
+            } else {
+                parts.pop_back();
+            }
         }
+        return true;
+    };
+    if (!fold(base) || !fold(relative)) return std::nullopt;
+    std::string joined;
+    for (const auto part : parts) {
+        if (!joined.empty()) joined.push_back('/');
+        joined += part;
     }
-    return true;
+    return joined;
+}
+
+bool is_contained_relative(std::string_view path) {
+    return !path.starts_with('/') && join_relative("", path).has_value();
 }
 
 bool resolves_inside(const std::filesystem::path& canonical_root, const std::filesystem::path& path) {

@@ -1,11 +1,9 @@
 #pragma once
-// Files read beneath a root directory: a path that leaves the root, whether by "..", by being
-// absolute or through a symbolic link that points outside, is refused when the file is opened,
-// so a link swapped in after the tree was listed cannot lead a read out of the root.
+// A root directory that files are opened beneath: a path that leaves the root, whether by "..",
+// by being absolute or through a symbolic link that points outside, is refused when the file is
+// opened, so a link swapped in after the tree was listed cannot lead a read out of the root.
+// regular_file.hpp reads whole files this way.
 
-#include <sys/stat.h>
-
-#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -31,16 +29,5 @@ private:
     int fd_ = -1;
     std::string canonical_;  // the root with every link resolved, for the fallback check
 };
-
-enum class FileRead { ok, missing, refused, unreadable, special, too_large };
-
-// Reads the regular file open at `fd` (closing it) into `out`, up to `max_size` bytes; `st`
-// receives its status. A FIFO, a device or a socket is `special` and is not read.
-FileRead read_regular_file(int fd, std::uint64_t max_size, std::string& out, struct stat& st);
-
-// Opens `relative` beneath `root` and reads it as read_regular_file does; `missing` for a
-// path that does not exist, `refused` for one that leads out of the root.
-FileRead read_file_beneath(const RootDirectory& root, std::string_view relative, std::uint64_t max_size,
-                           std::string& out, struct stat& st);
 
 }  // namespace orvane_kestrix

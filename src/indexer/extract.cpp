@@ -32,16 +32,13 @@ namespace {
 constexpr std::size_t kMaxScopeDepth = 100;
 constexpr std::size_t kMaxQualifiedNameBytes = 2048;
 
-// The text as the index reads files: valid UTF-8 (ill-formed sequences replaced), LF line ends.
-// NUL bytes become spaces, as some grammars' scanners take them for the end of input.
-// Returns false when the content can be used as it is.
+// The text as the index reads files (text::source_text), with NUL bytes as spaces, as some
+// grammars' scanners take them for the end of input. Returns false when the content can be
+// used as it is.
 bool normalize(std::string_view content, std::string& out) {
-    bool has_cr = content.find('\r') != std::string_view::npos;
-    bool has_nul = std::memchr(content.data(), '\0', content.size()) != nullptr;
-    bool valid = text::is_valid_utf8(content);
-    if (!has_cr && !has_nul && valid) return false;
-    out = valid ? std::string(content) : text::decode_utf8_lenient(content);
-    if (has_cr) out = text::universal_newlines(out);
+    const bool has_nul = std::memchr(content.data(), '\0', content.size()) != nullptr;
+    if (!has_nul && text::is_source_text(content)) return false;
+    out = text::source_text(content);
     if (has_nul) std::replace(out.begin(), out.end(), '\0', ' ');
     return true;
 }

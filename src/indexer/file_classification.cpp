@@ -4,29 +4,14 @@
 #include <cctype>
 
 #include "languages.hpp"
+#include "orvane_kestrix/paths.hpp"
 
 namespace orvane_kestrix::indexer {
 
 namespace {
 
-std::string_view file_name(std::string_view path) {
-    const auto slash = path.rfind('/');
-    return slash == std::string_view::npos ? path : path.substr(slash + 1);
-}
-
-std::string_view directory(std::string_view path) {
-    const auto slash = path.rfind('/');
-    return slash == std::string_view::npos ? std::string_view() : path.substr(0, slash);
-}
-
-// The file name without its last extension ("format.test" for "format.test.js").
-std::string_view base_name(std::string_view name) {
-    const auto dot = name.rfind('.');
-    return dot == std::string_view::npos || dot == 0 ? name : name.substr(0, dot);
-}
-
 bool in_test_directory(std::string_view path) {
-    std::string_view dirs = directory(path);
+    std::string_view dirs = directory_of(path);
     while (!dirs.empty()) {
         const auto slash = dirs.find('/');
         const std::string_view part = dirs.substr(0, slash);
@@ -80,16 +65,16 @@ bool has_test_marker(std::string_view base, const TestNaming& naming) {
 
 bool is_test_path(std::string_view path, Language language) {
     if (in_test_directory(path)) return true;
-    const std::string_view name = file_name(path);
+    const std::string_view name = file_name_of(path);
     const TestNaming& naming = language_spec(language).tests;
     for (std::string_view test_file : naming.file_names) {
         if (name == test_file) return true;
     }
-    return has_test_marker(base_name(name), naming);
+    return has_test_marker(without_extension(name), naming);
 }
 
 std::string tested_stem(std::string_view test_path, Language test_language) {
-    const std::string_view base = base_name(file_name(test_path));
+    const std::string_view base = without_extension(file_name_of(test_path));
     return language_spec(test_language).tests.camel_case ? camel_tested_stem(base) : marked_tested_stem(base);
 }
 
@@ -101,7 +86,15 @@ bool is_named_test_for(std::string_view test_path, Language test_language, std::
                        Language source_language) {
     if (test_path == source_path || language_family(test_language) != language_family(source_language)) return false;
     const std::string stem = tested_stem(test_path, test_language);
-    return !stem.empty() && stem == base_name(file_name(source_path));
+    return !stem.empty() && stem == without_extension(file_name_of(source_path));
+}
+
+bool is_header_path(std::string_view path) {
+    const std::string_view extension = extension_of(file_name_of(path));
+    for (std::string_view header : {"h", "hh", "hpp", "hxx", "h++", "inl", "ipp", "tpp"}) {
+        if (extension == header) return true;
+    }
+    return false;
 }
 
 bool is_package_manifest(std::string_view name) {
@@ -117,14 +110,14 @@ bool is_package_manifest(std::string_view name) {
 
 ComponentMap::ComponentMap(const std::vector<std::string>& paths) {
     for (const auto& path : paths) {
-        if (!is_package_manifest(file_name(path))) continue;
-        const std::string_view dir = directory(path);
+        if (!is_package_manifest(file_name_of(path))) continue;
+        const std::string_view dir = directory_of(path);
         manifest_dirs_.insert(dir.empty() ? std::string(".") : std::string(dir));
     }
 }
 
 std::string ComponentMap::component_of(std::string_view path) const {
-    std::string_view dir = directory(path);
+    std::string_view dir = directory_of(path);
     while (!dir.empty()) {
         if (manifest_dirs_.count(std::string(dir)) > 0) return std::string(dir);
         const auto slash = dir.rfind('/');

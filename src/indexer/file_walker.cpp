@@ -252,7 +252,6 @@ WalkResult list_repository_files(const fs::path& root, const WalkOptions& option
     // tree, say) lists nothing: walk it instead.
     if (listed && listed->empty()) listed.reset();
     if (listed) {
-        result.from_git = true;
         std::sort(listed->begin(), listed->end());
         listed->erase(std::unique(listed->begin(), listed->end()), listed->end());
         for (const auto& rel : *listed) {

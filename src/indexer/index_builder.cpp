@@ -1,8 +1,6 @@
 #include "orvane_kestrix/indexer/index_builder.hpp"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -10,9 +8,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <deque>
-#include <fstream>
 #include <mutex>
-#include <sstream>
 #include <thread>
 #include <unordered_set>
 
@@ -25,10 +21,12 @@
 #include "orvane_kestrix/indexer/file_walker.hpp"
 #include "orvane_kestrix/indexer/index_store.hpp"
 #include "orvane_kestrix/indexer/resolution.hpp"
+#include "orvane_kestrix/beneath_root.hpp"
+#include "orvane_kestrix/regular_file.hpp"
 #include "orvane_kestrix/storage/sqlite_schema.hpp"
-#include "orvane_kestrix/text/json_string.hpp"
 #include "orvane_kestrix/text/unicode.hpp"
-#include "orvane_kestrix/workers/context_builder/token_estimate.hpp"
+#include "orvane_kestrix/workers/context_builder/pack.hpp"
+#include "worker_threads.hpp"
 
 namespace orvane_kestrix::indexer {
 
@@ -69,74 +67,19 @@ std::string content_hash(std::string_view bytes) {
     return fmt::format("{:016x}{:016x}", hash.high64, hash.low64);
 }
 
-// The estimated tokens of a symbol's pack row without docstring and snippet, written as the
-// JSON writer prints it compactly (the strings are valid UTF-8 by now).
-std::int64_t row_tokens(const ExtractedSymbol& symbol, const std::string& path) {
-    std::string row;
-    row.reserve(64 + symbol.fqn.size() + symbol.name.size() + path.size() + (symbol.signature ? symbol.signature->size() : 0));
-    row += "{\"fqn\":";
-    text::append_json_string(row, symbol.fqn);
-    row += ",\"name\":";
-    text::append_json_string(row, symbol.name);
-    row += ",\"kind\":";
-    text::append_json_string(row, symbol.kind);
-    row += ",\"file\":";
-    text::append_json_string(row, path);
-    row += ",\"line\":";
-    row += std::to_string(symbol.start_line);
-    row += ",\"signature\":";
-    if (symbol.signature) {
-        text::append_json_string(row, *symbol.signature);
-    } else {
-        row += "null";
-    }
-    row += '}';
-    return estimate_tokens(row);
-}
-
-enum class ReadStatus { ok, missing, unreadable, too_large, special };
-
-ReadStatus read_file(const fs::path& path, std::uint64_t max_size, std::string& out, struct stat& st) {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0) return errno == ENOENT || errno == ENOTDIR ? ReadStatus::missing : ReadStatus::unreadable;
-    struct Closer {
-        int fd;
-        ~Closer() { close(fd); }
-    } closer{fd};
-    if (fstat(fd, &st) != 0) return ReadStatus::unreadable;
-    if (!S_ISREG(st.st_mode)) return ReadStatus::special;
-    if (static_cast<std::uint64_t>(st.st_size) > max_size) return ReadStatus::too_large;
-    out.resize(static_cast<std::size_t>(st.st_size));
-    std::size_t filled = 0;
-    for (;;) {
-        if (filled == out.size()) {
-            if (out.size() >= max_size + 1) break;
-            out.resize(std::min<std::uint64_t>(max_size + 1, out.size() + 65536));
-        }
-        const ssize_t n = read(fd, out.data() + filled, out.size() - filled);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return ReadStatus::unreadable;
-        }
-        if (n == 0) break;
-        filled += static_cast<std::size_t>(n);
-    }
-    out.resize(filled);
-    if (filled > max_size) return ReadStatus::too_large;
-    return ReadStatus::ok;
-}
-
-const char* reason_of(ReadStatus status) {
+const char* reason_of(FileReadStatus status) {
     switch (status) {
-        case ReadStatus::missing:
+        case FileReadStatus::missing:
             return "missing";
-        case ReadStatus::unreadable:
+        case FileReadStatus::unreadable:
             return "unreadable";
-        case ReadStatus::too_large:
+        case FileReadStatus::too_large:
             return "too_large";
-        case ReadStatus::special:
+        case FileReadStatus::special:
             return "special_file";
-        case ReadStatus::ok:
+        case FileReadStatus::outside_root:
+            return "outside_root";
+        case FileReadStatus::ok:
             break;
     }
     return "ok";
@@ -205,27 +148,28 @@ private:
     bool closed_ = false;
 };
 
-ExtractFunction tree_sitter_extractor() {
-    auto extractor = std::make_shared<Extractor>();
+// The extractor stops inside a file when `cancel` is set.
+ExtractFunction tree_sitter_extractor(const std::atomic<bool>* cancel) {
+    auto extractor = std::make_shared<Extractor>(ExtractorOptions{.cancel = cancel});
     return [extractor](Language language, std::string_view path, std::string_view content) {
         return extractor->extract(language, path, content);
     };
 }
 
 // Reads, checks and parses one file on a worker thread.
-WorkResult process(const fs::path& root, const Candidate& candidate, std::size_t index, std::uint64_t max_size,
+WorkResult process(const RootDirectory& root, const Candidate& candidate, std::size_t index, std::uint64_t max_size,
                    std::int64_t run_start_ns, bool force_parse, ExtractFunction& extract) {
     WorkResult result;
     result.candidate = index;
     std::string bytes;
-    struct stat st {};
-    const ReadStatus status = read_file(root / candidate.facts.path, max_size, bytes, st);
-    if (status != ReadStatus::ok) {
-        result.reason = reason_of(status);
+    // Opened beneath the root: a link swapped in since the listing cannot lead outside.
+    const FileReadResult read = read_regular_file(root, candidate.facts.path, bytes, max_size);
+    if (read.status != FileReadStatus::ok) {
+        result.reason = reason_of(read.status);
         return result;
     }
-    result.size = static_cast<std::int64_t>(st.st_size);
-    result.mtime_ns = mtime_of(st);
+    result.size = static_cast<std::int64_t>(read.size);
+    result.mtime_ns = read.mtime_ns;
     if (result.mtime_ns >= run_start_ns - kRecentMtimeNs) result.mtime_ns = -1;
     if (std::memchr(bytes.data(), 0, std::min(bytes.size(), kBinaryProbe)) != nullptr) {
         result.reason = "binary";
@@ -238,9 +182,7 @@ WorkResult process(const fs::path& root, const Candidate& candidate, std::size_t
         return result;
     }
 
-    // Text as the snippet reader sees it: invalid UTF-8 replaced, every line ending a LF.
-    if (!text::is_valid_utf8(bytes)) bytes = text::decode_utf8_lenient(bytes);
-    if (bytes.find('\r') != std::string::npos) bytes = text::universal_newlines(bytes);
+    if (!text::is_source_text(bytes)) bytes = text::source_text(bytes);
 
     ParsedFile& parsed = result.parsed;
     parsed.facts = candidate.facts;
@@ -262,7 +204,9 @@ WorkResult process(const fs::path& root, const Candidate& candidate, std::size_t
         make_valid(symbol.kind);
         make_valid(symbol.signature);
         make_valid(symbol.docstring);
-        parsed.token_counts.push_back(row_tokens(symbol, candidate.facts.path));
+        const SymbolRowHead row{symbol.fqn, symbol.name, symbol.kind, candidate.facts.path, symbol.start_line,
+                                symbol.signature ? std::optional<std::string_view>(*symbol.signature) : std::nullopt};
+        parsed.token_counts.push_back(row.estimated_tokens());
     }
     for (auto& ref : extraction.references) {
         make_valid(ref.name);
@@ -280,18 +224,16 @@ WorkResult process(const fs::path& root, const Candidate& candidate, std::size_t
 }
 
 // Package roots named by go.mod and Cargo.toml, as text for the change check and as records.
-std::vector<PackageRoot> read_package_roots(const fs::path& root, const std::vector<std::string>& paths) {
+std::vector<PackageRoot> read_package_roots(const RootDirectory& root, const std::vector<std::string>& paths) {
     std::vector<PackageRoot> roots;
     for (const auto& path : paths) {
         if (!path.ends_with("go.mod") && !path.ends_with("Cargo.toml")) continue;
         const auto slash = path.rfind('/');
         const std::string_view name = slash == std::string::npos ? std::string_view(path) : std::string_view(path).substr(slash + 1);
         if (name != "go.mod" && name != "Cargo.toml") continue;
-        std::ifstream in(root / path, std::ios::binary);
-        if (!in) continue;
-        std::ostringstream text;
-        text << in.rdbuf();
-        if (auto package = package_root_from_manifest(path, text.str())) roots.push_back(std::move(*package));
+        std::string text;
+        if (read_regular_file(root, path, text).status != FileReadStatus::ok) continue;
+        if (auto package = package_root_from_manifest(path, text)) roots.push_back(std::move(*package));
     }
     return roots;
 }
@@ -310,6 +252,372 @@ std::string utc_now() {
     std::strftime(buffer, sizeof buffer, "%Y-%m-%dT%H:%M:%SZ", &tm);
     return buffer;
 }
+
+// One run of IndexBuilder: its phases in order, and what each hands on to the next.
+class IndexRun {
+public:
+    explicit IndexRun(const IndexOptions& options)
+        : options_(options), root_(options.repo), db_path_(options.db.value_or(default_index_path(root_))) {}
+
+    ~IndexRun() {
+        if (discard_on_exit_) storage::remove_index_files(work_path_);
+    }
+    IndexRun(const IndexRun&) = delete;
+    IndexRun& operator=(const IndexRun&) = delete;
+
+    IndexStats execute() {
+        open_database();
+        try {
+            prepare_writing();
+            list_files();
+            read_index_state();
+            select_candidates();
+            find_changed_files();
+            parse_and_write();
+            if (!stats_.cancelled) {
+                remove_gone_files();
+                if (marked_stale_ || derived_stale_ || reparse_all_) refresh_derived();
+            }
+            if (std::none_of(stats_.timings.begin(), stats_.timings.end(), [](const auto& t) { return t.first == "parse"; })) {
+                lap("parse");
+            }
+            stats_.files = store_->count_files();
+            stats_.symbols = store_->count_symbols();
+            stats_.references = store_->count_references();
+            store_.reset();
+        } catch (const storage::SqliteError& e) {
+            if (e.is_corruption()) throw storage::IndexFileError(db_path_, std::string("damaged (") + e.what() + ")");
+            throw;
+        }
+        publish();
+        stats_.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started_).count();
+        return stats_;
+    }
+
+private:
+    // A new index, or one rebuilt from scratch, is built aside without a journal and published
+    // by a rename at the end: faster, and a rebuild that stops half way leaves the previous
+    // index as it was.
+    void open_database() {
+        std::error_code error;
+        had_index_ = fs::exists(db_path_, error);
+        build_aside_ = options_.rebuild || !had_index_;
+        if (build_aside_ && fs::is_directory(db_path_, error)) throw storage::IndexFileError(db_path_, "is a directory");
+        work_path_ = build_aside_ ? storage::unpublished_index_path(db_path_) : db_path_;
+        if (build_aside_) storage::remove_abandoned_builds(db_path_);
+        db_ = storage::open_index(work_path_, {.read_only = false, .rebuild = build_aside_, .unpublished = build_aside_});
+        discard_on_exit_ = build_aside_;
+    }
+
+    void prepare_writing() {
+        // 8 MB of page cache: a larger one only adds fresh pages to fault in while the index
+        // fills (measured slower on a full index of the Python standard library).
+        db_.exec("PRAGMA cache_size = -8192");
+        db_.exec("PRAGMA temp_store = MEMORY");
+        store_.emplace(db_);
+    }
+
+    // The repository's files (without the index's own), its components and package roots.
+    void list_files() {
+        progress("scanning", 0, 0);
+        lap_start_ = std::chrono::steady_clock::now();
+        WalkOptions walk_options;
+        std::error_code error;
+        const fs::path real_root = fs::weakly_canonical(root_, error);
+        const fs::path real_db = fs::weakly_canonical(db_path_, error);
+        const fs::path db_relative = real_db.lexically_relative(real_root);
+        db_rel_text_ = db_relative.generic_string();
+        db_inside_ = !db_relative.empty() && !db_rel_text_.starts_with("..");
+        if (db_inside_ && db_relative.has_parent_path()) walk_options.excluded_dirs.push_back(db_relative.parent_path().generic_string());
+        walk_options.use_git = options_.use_git;
+        walk_ = list_repository_files(root_, walk_options);
+        for (const auto& skipped : walk_.skipped) ++stats_.skipped[skipped.reason];
+        components_.emplace(walk_.files);
+        packages_ = read_package_roots(root_directory_, walk_.files);
+        package_text_ = describe_packages(packages_);
+        lap("scan");
+    }
+
+    // What the index holds: its files, and whether its derived data or its parses are stale.
+    void read_index_state() {
+        stored_ = store_->load_files();
+        // An index without files is parsed whole by this revision: recorded now, so that a
+        // first build that stops half way is continued, not started again.
+        if (stored_.empty()) storage::write_meta(db_, storage::meta_key::parser_revision, kParserRevision);
+        reparse_all_ = storage::read_meta(db_, storage::meta_key::parser_revision).value_or("") != kParserRevision;
+        derived_stale_ = storage::read_meta(db_, storage::meta_key::derived_stale).value_or("1") != "0" ||
+                         storage::read_meta(db_, storage::meta_key::packages).value_or("") != package_text_;
+    }
+
+    bool is_index_file(const std::string& path) const {
+        return db_inside_ && (path == db_rel_text_ || path.starts_with(db_rel_text_ + "-") ||
+                              path.starts_with(db_rel_text_ + ".building-"));
+    }
+
+    // The listed files of a supported language, with their facts under the current rules.
+    void select_candidates() {
+        for (const auto& path : walk_.files) {
+            if (is_index_file(path)) continue;
+            const auto language = language_for_path(path);
+            if (!language) {
+                ++stats_.skipped["unsupported"];
+                continue;
+            }
+            Candidate candidate;
+            candidate.facts.path = path;
+            candidate.facts.language = *language;
+            candidate.facts.is_test = is_test_path(path, *language);
+            candidate.facts.is_source = is_source_language(*language);
+            candidate.facts.component = components_->component_of(path);
+            if (auto it = stored_.find(path); it != stored_.end()) candidate.stored = &it->second;
+            candidates_.push_back(std::move(candidate));
+        }
+    }
+
+    static bool facts_differ(const StoredFile& stored, const FileFacts& facts) {
+        return stored.is_test != facts.is_test || stored.is_source != facts.is_source || stored.component != facts.component;
+    }
+
+    // Files whose size and modification time match the index are not read again.
+    void find_changed_files() {
+        std::vector<std::uint64_t> size_of(candidates_.size(), 0);
+        for (std::size_t i = 0; i < candidates_.size(); ++i) {
+            const Candidate& candidate = candidates_[i];
+            struct stat st {};
+            if (stat((root_ / candidate.facts.path).c_str(), &st) != 0) {
+                ++stats_.skipped[errno == ENOENT ? "missing" : "unreadable"];
+                continue;
+            }
+            if (static_cast<std::uint64_t>(st.st_size) > options_.max_file_size) {
+                ++stats_.skipped["too_large"];
+                continue;
+            }
+            const StoredFile* old = candidate.stored;
+            if (!reparse_all_ && old != nullptr && old->mtime_ns != -1 && old->mtime_ns == mtime_of(st) &&
+                old->size == static_cast<std::int64_t>(st.st_size) && old->language == language_name(candidate.facts.language)) {
+                ++stats_.unchanged;
+                kept_.insert(candidate.facts.path);
+                if (facts_differ(*old, candidate.facts)) facts_changed_.push_back(i);
+                continue;
+            }
+            to_read_.push_back(i);
+            size_of[i] = static_cast<std::uint64_t>(st.st_size);
+            bytes_to_read_ += static_cast<std::uint64_t>(st.st_size);
+        }
+        // Largest files first: the workers then finish together instead of one parsing a big
+        // file alone at the end.
+        std::stable_sort(to_read_.begin(), to_read_.end(), [&](std::size_t a, std::size_t b) { return size_of[a] > size_of[b]; });
+    }
+
+    // Reads and parses the changed files on worker threads; this thread writes their results.
+    void parse_and_write() {
+        unsigned jobs = options_.jobs != 0 ? options_.jobs : std::max(1u, std::thread::hardware_concurrency());
+        jobs = static_cast<unsigned>(std::min<std::size_t>(jobs, std::max<std::size_t>(1, to_read_.size())));
+        const std::size_t parsers = to_read_.empty() ? 0 : jobs;
+        ResultQueue queue(64, parsers);
+        std::atomic<std::size_t> next{0};
+        WorkerThreads workers(
+            parsers, [&](std::size_t) { parse_files(queue, next); }, [&] { queue.close(); });
+
+        // Room for what source code usually holds (about one reference per 90 bytes, one
+        // symbol per 350), so that the vectors rarely move while they fill; untouched room
+        // costs address space only.
+        collected_.references.reserve(bytes_to_read_ / 64);
+        collected_.symbols.reserve(bytes_to_read_ / 256);
+        std::size_t done = 0;
+        progress("parsing", 0, to_read_.size());
+        while (auto result = queue.pop()) {
+            if (cancelled()) {
+                stats_.cancelled = true;
+                break;
+            }
+            write_result(*result);
+            if (in_batch_ >= kBatchFiles) commit_batch();
+            progress("parsing", ++done, to_read_.size());
+        }
+        if (cancelled()) stats_.cancelled = true;
+        commit_batch();
+        workers.join();
+    }
+
+    // One parser thread: takes the next file to read until none is left, the run is
+    // cancelled or the writer stops taking results.
+    void parse_files(ResultQueue& queue, std::atomic<std::size_t>& next) {
+        try {
+            ExtractFunction extract =
+                options_.make_extractor ? options_.make_extractor() : tree_sitter_extractor(options_.cancel);
+            for (;;) {
+                const std::size_t slot = next.fetch_add(1);
+                if (slot >= to_read_.size() || cancelled()) break;
+                const std::size_t index = to_read_[slot];
+                WorkResult result = process(root_directory_, candidates_[index], index, options_.max_file_size, run_start_ns_,
+                                            reparse_all_, extract);
+                if (!queue.push(std::move(result))) break;
+            }
+        } catch (...) {
+            queue.producer_done();
+            throw;
+        }
+        queue.producer_done();
+    }
+
+    void write_result(WorkResult& result) {
+        const Candidate& candidate = candidates_[result.candidate];
+        switch (result.kind) {
+            case WorkResult::Kind::skipped:
+                ++stats_.skipped[result.reason];
+                break;
+            case WorkResult::Kind::same_content:
+                ++stats_.unchanged;
+                kept_.insert(candidate.facts.path);
+                begin_batch();
+                store_->update_stat(candidate.stored->id, result.size, result.mtime_ns);
+                if (facts_differ(*candidate.stored, candidate.facts)) {
+                    mark_stale();
+                    store_->update_facts(candidate.stored->id, candidate.facts);
+                }
+                ++in_batch_;
+                break;
+            case WorkResult::Kind::parsed:
+                ++stats_.parsed;
+                kept_.insert(candidate.facts.path);
+                mark_stale();
+                written_.insert(store_->write_parsed(
+                    result.parsed, candidate.stored ? std::optional<std::int64_t>(candidate.stored->id) : std::nullopt,
+                    &collected_));
+                ++in_batch_;
+                break;
+        }
+    }
+
+    void begin_batch() {
+        if (transaction_) return;
+        transaction_.emplace(db_);
+        store_->begin_batch();
+    }
+
+    // Before the first write that changes what other files' references may mean.
+    void mark_stale() {
+        begin_batch();
+        if (marked_stale_) return;
+        storage::write_meta(db_, storage::meta_key::derived_stale, "1");
+        marked_stale_ = true;
+    }
+
+    void commit_batch() {
+        if (!transaction_) return;
+        store_->finish_batch();
+        transaction_->commit();
+        transaction_.reset();
+        in_batch_ = 0;
+    }
+
+    // Files gone or no longer usable leave the index; flags of unchanged files follow the
+    // current rules and manifests.
+    void remove_gone_files() {
+        std::vector<std::int64_t> gone;
+        for (const auto& [path, file] : stored_) {
+            if (kept_.count(path) == 0) gone.push_back(file.id);
+        }
+        if (!gone.empty() || !facts_changed_.empty()) {
+            mark_stale();
+            for (std::int64_t id : gone) store_->delete_file(id);
+            for (std::size_t index : facts_changed_) store_->update_facts(candidates_[index].stored->id, candidates_[index].facts);
+            commit_batch();
+        }
+        stats_.removed = static_cast<std::int64_t>(gone.size());
+    }
+
+    // What depends on other files, recomputed whole and written as a difference, in one
+    // transaction with the end of the stale mark.
+    void refresh_derived() {
+        progress("resolving", 0, 1);
+        lap("parse");
+        storage::Transaction refresh(db_);
+        store_->prune_components();
+        IndexSnapshot& snapshot = collected_;
+        store_->load_snapshot(snapshot, written_);
+        snapshot.packages = packages_;
+        lap("load");
+        const DerivedData derived = derive_index_data(snapshot);
+        lap("resolve");
+        store_->write_derived(derived, snapshot);
+
+        storage::write_meta(db_, storage::meta_key::derived_stale, "0");
+        storage::write_meta(db_, storage::meta_key::packages, package_text_);
+        storage::write_meta(db_, storage::meta_key::parser_revision, kParserRevision);
+        storage::write_meta(db_, storage::meta_key::indexed_at, utc_now());
+        refresh.commit();
+        lap("write");
+        progress("resolving", 1, 1);
+    }
+
+    // An index built aside takes the place of the old one; an interrupted first build is
+    // published all the same: the next run goes on from it.
+    void publish() {
+        if (build_aside_ && !(stats_.cancelled && had_index_)) {
+            storage::publish_index(std::move(db_), db_path_);
+            discard_on_exit_ = false;
+        }
+    }
+
+    bool cancelled() const { return options_.cancel != nullptr && options_.cancel->load(); }
+
+    void progress(std::string_view phase, std::size_t done, std::size_t total) const {
+        if (options_.on_progress) options_.on_progress(IndexProgress{phase, done, total});
+    }
+
+    void lap(const char* phase) {
+        const auto now = std::chrono::steady_clock::now();
+        stats_.timings.emplace_back(phase, std::chrono::duration<double>(now - lap_start_).count());
+        lap_start_ = now;
+    }
+
+    const IndexOptions& options_;
+    const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
+    const std::int64_t run_start_ns_ = now_ns();
+    const fs::path root_;
+    const RootDirectory root_directory_{root_};  // every file is read beneath it
+    const fs::path db_path_;
+    IndexStats stats_;
+    std::chrono::steady_clock::time_point lap_start_ = started_;
+
+    // open_database
+    bool had_index_ = false;
+    bool build_aside_ = false;
+    fs::path work_path_;
+    bool discard_on_exit_ = false;  // the index built aside is removed unless published
+    Database db_;
+    std::optional<IndexStore> store_;
+    std::optional<Transaction> transaction_;  // the batch being written
+
+    // list_files
+    std::string db_rel_text_;  // the index file's repository path, when inside the repository
+    bool db_inside_ = false;
+    WalkResult walk_;
+    std::optional<ComponentMap> components_;
+    std::vector<PackageRoot> packages_;
+    std::string package_text_;
+
+    // read_index_state
+    std::unordered_map<std::string, StoredFile> stored_;
+    bool reparse_all_ = false;
+    bool derived_stale_ = false;
+
+    // select_candidates, find_changed_files
+    std::vector<Candidate> candidates_;
+    std::vector<std::size_t> to_read_;        // candidates to read, largest first
+    std::vector<std::size_t> facts_changed_;  // unchanged candidates whose facts changed
+    std::unordered_set<std::string> kept_;    // paths that stay in the index
+    std::uint64_t bytes_to_read_ = 0;
+
+    // parse_and_write
+    std::size_t in_batch_ = 0;
+    bool marked_stale_ = false;
+    // What the refresh needs of the files written in this run, kept as they are written.
+    IndexSnapshot collected_;
+    std::unordered_set<std::int64_t> written_;
+};
 
 }  // namespace
 
@@ -335,305 +643,6 @@ fs::path default_index_path(const fs::path& repo) { return repo / ".kestrix" / "
 
 IndexBuilder::IndexBuilder(IndexOptions options) : options_(std::move(options)) {}
 
-IndexStats IndexBuilder::run() {
-    const auto started = std::chrono::steady_clock::now();
-    const std::int64_t run_start_ns = now_ns();
-    IndexStats stats;
-    const fs::path root = options_.repo;
-    const fs::path db_path = options_.db.value_or(default_index_path(root));
-    auto cancelled = [&] { return options_.cancel != nullptr && options_.cancel->load(); };
-    auto progress = [&](std::string_view phase, std::size_t done, std::size_t total) {
-        if (options_.on_progress) options_.on_progress(IndexProgress{phase, done, total});
-    };
-
-    // A new index, or one rebuilt from scratch, is built aside without a journal and
-    // published by a rename at the end: faster, and a rebuild that stops half way leaves the
-    // previous index as it was.
-    std::error_code exists_error;
-    const bool had_index = fs::exists(db_path, exists_error);
-    const bool build_aside = options_.rebuild || !had_index;
-    if (build_aside && fs::is_directory(db_path, exists_error)) throw storage::IndexFileError(db_path, "is a directory");
-    const fs::path work_path = build_aside ? storage::unpublished_index_path(db_path) : db_path;
-    if (build_aside) storage::remove_abandoned_builds(db_path);
-    Database db = storage::open_index(work_path, {.read_only = false, .rebuild = build_aside, .unpublished = build_aside});
-    struct Discard {
-        fs::path path;
-        bool armed;
-        ~Discard() {
-            if (armed) storage::remove_index_files(path);
-        }
-    } discard{work_path, build_aside};
-    try {
-        // 8 MB of page cache: a larger one only adds fresh pages to fault in while the index
-        // fills (measured slower on a full index of the Python standard library).
-        db.exec("PRAGMA cache_size = -8192");
-        db.exec("PRAGMA temp_store = MEMORY");
-        IndexStore store(db);
-
-        // 1. Which files, and which of them need reading.
-        progress("scanning", 0, 0);
-        auto lap_start = std::chrono::steady_clock::now();
-        auto lap = [&](const char* phase) {
-            const auto now = std::chrono::steady_clock::now();
-            stats.timings.emplace_back(phase, std::chrono::duration<double>(now - lap_start).count());
-            lap_start = now;
-        };
-        WalkOptions walk_options;
-        std::error_code error;
-        const fs::path real_root = fs::weakly_canonical(root, error);
-        const fs::path real_db = fs::weakly_canonical(db_path, error);
-        const fs::path db_relative = real_db.lexically_relative(real_root);
-        std::string db_rel_text = db_relative.generic_string();
-        const bool db_inside = !db_relative.empty() && !db_rel_text.starts_with("..");
-        if (db_inside && db_relative.has_parent_path()) walk_options.excluded_dirs.push_back(db_relative.parent_path().generic_string());
-        walk_options.use_git = options_.use_git;
-        WalkResult walk = list_repository_files(root, walk_options);
-        for (const auto& skipped : walk.skipped) ++stats.skipped[skipped.reason];
-
-        const ComponentMap components(walk.files);
-        const std::vector<PackageRoot> packages = read_package_roots(root, walk.files);
-        const std::string package_text = describe_packages(packages);
-        lap("scan");
-
-        std::unordered_map<std::string, StoredFile> stored = store.load_files();
-        // An index without files is parsed whole by this revision: recorded now, so that a
-        // first build that stops half way is continued, not started again.
-        if (stored.empty()) storage::write_meta(db, "parser_revision", kParserRevision);
-        const bool reparse_all = storage::read_meta(db, "parser_revision").value_or("") != kParserRevision;
-        bool derived_stale = storage::read_meta(db, "derived_stale").value_or("1") != "0" ||
-                             storage::read_meta(db, "packages").value_or("") != package_text;
-
-        std::vector<Candidate> candidates;
-        std::vector<std::size_t> to_read;
-        std::vector<std::size_t> facts_changed;
-        std::unordered_set<std::string> kept;
-        for (const auto& path : walk.files) {
-            if (db_inside && (path == db_rel_text || path.starts_with(db_rel_text + "-") ||
-                              path.starts_with(db_rel_text + ".building-"))) {
-                continue;
-            }
-            const auto language = language_for_path(path);
-            if (!language) {
-                ++stats.skipped["unsupported"];
-                continue;
-            }
-            Candidate candidate;
-            candidate.facts.path = path;
-            candidate.facts.language = *language;
-            candidate.facts.is_test = is_test_path(path, *language);
-            candidate.facts.is_source = is_source_language(*language);
-            candidate.facts.component = components.component_of(path);
-            if (auto it = stored.find(path); it != stored.end()) candidate.stored = &it->second;
-            candidates.push_back(std::move(candidate));
-        }
-
-        // Files whose size and modification time match the index are not read again.
-        std::uint64_t bytes_to_read = 0;
-        std::vector<std::uint64_t> size_of(candidates.size(), 0);
-        for (std::size_t i = 0; i < candidates.size(); ++i) {
-            const Candidate& candidate = candidates[i];
-            struct stat st {};
-            if (stat((root / candidate.facts.path).c_str(), &st) != 0) {
-                ++stats.skipped[errno == ENOENT ? "missing" : "unreadable"];
-                continue;
-            }
-            if (static_cast<std::uint64_t>(st.st_size) > options_.max_file_size) {
-                ++stats.skipped["too_large"];
-                continue;
-            }
-            const StoredFile* old = candidate.stored;
-            if (!reparse_all && old != nullptr && old->mtime_ns != -1 && old->mtime_ns == mtime_of(st) &&
-                old->size == static_cast<std::int64_t>(st.st_size) && old->language == language_name(candidate.facts.language)) {
-                ++stats.unchanged;
-                kept.insert(candidate.facts.path);
-                if (old->is_test != candidate.facts.is_test || old->is_source != candidate.facts.is_source ||
-                    old->component != candidate.facts.component) {
-                    facts_changed.push_back(i);
-                }
-                continue;
-            }
-            to_read.push_back(i);
-            size_of[i] = static_cast<std::uint64_t>(st.st_size);
-            bytes_to_read += static_cast<std::uint64_t>(st.st_size);
-        }
-        // Largest files first: the workers then finish together instead of one parsing a big
-        // file alone at the end.
-        std::stable_sort(to_read.begin(), to_read.end(), [&](std::size_t a, std::size_t b) { return size_of[a] > size_of[b]; });
-
-        // 2. Read and parse on worker threads; write on this one.
-        unsigned jobs = options_.jobs != 0 ? options_.jobs : std::max(1u, std::thread::hardware_concurrency());
-        jobs = static_cast<unsigned>(std::min<std::size_t>(jobs, std::max<std::size_t>(1, to_read.size())));
-        ResultQueue queue(64, to_read.empty() ? 0 : jobs);
-        std::atomic<std::size_t> next{0};
-        std::vector<std::thread> workers;
-        std::exception_ptr worker_error;
-        std::mutex worker_error_mutex;
-        if (!to_read.empty()) {
-            for (unsigned w = 0; w < jobs; ++w) {
-                workers.emplace_back([&] {
-                    try {
-                        ExtractFunction extract = options_.make_extractor ? options_.make_extractor() : tree_sitter_extractor();
-                        for (;;) {
-                            const std::size_t slot = next.fetch_add(1);
-                            if (slot >= to_read.size() || cancelled()) break;
-                            const std::size_t index = to_read[slot];
-                            const Candidate& candidate = candidates[index];
-                            WorkResult result = process(root, candidate, index, options_.max_file_size, run_start_ns,
-                                                        reparse_all, extract);
-                            if (!queue.push(std::move(result))) break;
-                        }
-                    } catch (...) {
-                        std::lock_guard lock(worker_error_mutex);
-                        if (!worker_error) worker_error = std::current_exception();
-                    }
-                    queue.producer_done();
-                });
-            }
-        }
-        struct Joiner {
-            std::vector<std::thread>& threads;
-            ResultQueue& queue;
-            ~Joiner() {
-                queue.close();
-                for (auto& thread : threads) {
-                    if (thread.joinable()) thread.join();
-                }
-            }
-        } joiner{workers, queue};
-
-        std::optional<Transaction> transaction;
-        std::size_t in_batch = 0;
-        bool marked_stale = false;
-        auto begin_batch = [&] {
-            if (transaction) return;
-            transaction.emplace(db);
-            store.begin_batch();
-        };
-        // Before the first write that changes what other files' references may mean.
-        auto mark_stale = [&] {
-            begin_batch();
-            if (marked_stale) return;
-            storage::write_meta(db, "derived_stale", "1");
-            marked_stale = true;
-        };
-        auto commit_batch = [&] {
-            if (!transaction) return;
-            store.finish_batch();
-            transaction->commit();
-            transaction.reset();
-            in_batch = 0;
-        };
-
-        // What the refresh needs of the files written in this run, kept as they are written.
-        IndexSnapshot collected;
-        // Room for what source code usually holds (about one reference per 90 bytes, one
-        // symbol per 350), so that the vectors rarely move while they fill; untouched room
-        // costs address space only.
-        collected.references.reserve(bytes_to_read / 64);
-        collected.symbols.reserve(bytes_to_read / 256);
-        std::unordered_set<std::int64_t> written;
-        std::size_t done = 0;
-        progress("parsing", 0, to_read.size());
-        while (auto result = queue.pop()) {
-            if (cancelled()) {
-                stats.cancelled = true;
-                break;
-            }
-            const Candidate& candidate = candidates[result->candidate];
-            switch (result->kind) {
-                case WorkResult::Kind::skipped:
-                    ++stats.skipped[result->reason];
-                    break;
-                case WorkResult::Kind::same_content:
-                    ++stats.unchanged;
-                    kept.insert(candidate.facts.path);
-                    begin_batch();
-                    store.update_stat(candidate.stored->id, result->size, result->mtime_ns);
-                    if (candidate.stored->is_test != candidate.facts.is_test ||
-                        candidate.stored->is_source != candidate.facts.is_source ||
-                        candidate.stored->component != candidate.facts.component) {
-                        mark_stale();
-                        store.update_facts(candidate.stored->id, candidate.facts);
-                    }
-                    ++in_batch;
-                    break;
-                case WorkResult::Kind::parsed:
-                    ++stats.parsed;
-                    kept.insert(candidate.facts.path);
-                    mark_stale();
-                    written.insert(store.write_parsed(
-                        result->parsed, candidate.stored ? std::optional<std::int64_t>(candidate.stored->id) : std::nullopt,
-                        &collected));
-                    ++in_batch;
-                    break;
-            }
-            if (in_batch >= kBatchFiles) commit_batch();
-            progress("parsing", ++done, to_read.size());
-        }
-        if (cancelled()) stats.cancelled = true;
-        commit_batch();
-        queue.close();
-        for (auto& thread : workers) thread.join();
-        workers.clear();
-        if (worker_error) std::rethrow_exception(worker_error);
-
-        if (!stats.cancelled) {
-            // 3. Files gone or no longer usable leave the index; flags of unchanged files follow
-            //    the current rules and manifests.
-            std::vector<std::int64_t> gone;
-            for (const auto& [path, file] : stored) {
-                if (kept.count(path) == 0) gone.push_back(file.id);
-            }
-            if (!gone.empty() || !facts_changed.empty()) {
-                mark_stale();
-                for (std::int64_t id : gone) store.delete_file(id);
-                for (std::size_t index : facts_changed) store.update_facts(candidates[index].stored->id, candidates[index].facts);
-                commit_batch();
-            }
-            stats.removed = static_cast<std::int64_t>(gone.size());
-
-            // 4. What depends on other files, recomputed whole and written as a difference, in
-            //    one transaction with the end of the stale mark.
-            if (marked_stale || derived_stale || reparse_all) {
-                progress("resolving", 0, 1);
-                lap("parse");
-                Transaction refresh(db);
-                store.prune_components();
-                IndexSnapshot& snapshot = collected;
-                store.load_snapshot(snapshot, written);
-                snapshot.packages = packages;
-                lap("load");
-                const DerivedData derived = derive_index_data(snapshot);
-                lap("resolve");
-                store.write_derived(derived, snapshot);
-
-                storage::write_meta(db, "derived_stale", "0");
-                storage::write_meta(db, "packages", package_text);
-                storage::write_meta(db, "parser_revision", kParserRevision);
-                storage::write_meta(db, "indexed_at", utc_now());
-                refresh.commit();
-                lap("write");
-                progress("resolving", 1, 1);
-            }
-        }
-
-        if (std::none_of(stats.timings.begin(), stats.timings.end(), [](const auto& t) { return t.first == "parse"; })) {
-            lap("parse");
-        }
-        stats.files = store.count_files();
-        stats.symbols = store.count_symbols();
-        stats.references = store.count_references();
-    } catch (const storage::SqliteError& e) {
-        if (e.is_corruption()) throw storage::IndexFileError(db_path, std::string("damaged (") + e.what() + ")");
-        throw;
-    }
-    // An interrupted first build is published all the same: the next run goes on from it.
-    if (build_aside && !(stats.cancelled && had_index)) {
-        storage::publish_index(std::move(db), db_path);
-        discard.armed = false;
-    }
-    stats.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    return stats;
-}
+IndexStats IndexBuilder::run() { return IndexRun(options_).execute(); }
 
 }  // namespace orvane_kestrix::indexer

@@ -14,7 +14,7 @@ namespace {
 
 // The largest id a table has ever held: its rows', or the mark in meta (rows at the end of the
 // table may have been deleted since).
-std::int64_t last_id(storage::Database& db, const char* table, const char* meta_key) {
+std::int64_t last_id(storage::Database& db, const char* table, std::string_view meta_key) {
     const std::int64_t in_table = db.scalar_int(std::string("SELECT coalesce(max(id), 0) FROM ") + table);
     const std::string mark = storage::read_meta(db, meta_key).value_or("0");
     std::int64_t recorded = 0;
@@ -54,8 +54,8 @@ IndexStore::IndexStore(storage::Database& db)
       insert_refs_(db, "INSERT INTO refs(file_id, caller_id, name, qualifier, usage_type, line, context, id)", 8) {
     Statement components(db_, "SELECT id, name FROM components");
     while (components.step()) components_[components.column_string(1)] = components.column_int64(0);
-    last_symbol_id_ = last_id(db_, "symbols", "last_symbol_id");
-    last_ref_id_ = last_id(db_, "refs", "last_ref_id");
+    last_symbol_id_ = last_id(db_, "symbols", storage::meta_key::last_symbol_id);
+    last_ref_id_ = last_id(db_, "refs", storage::meta_key::last_ref_id);
     batch_first_symbol_ = last_symbol_id_;
 }
 
@@ -212,8 +212,8 @@ void IndexStore::finish_batch() {
     names.bind(1, batch_first_symbol_);
     names.run();
     batch_first_symbol_ = last_symbol_id_;
-    storage::write_meta(db_, "last_symbol_id", std::to_string(last_symbol_id_));
-    storage::write_meta(db_, "last_ref_id", std::to_string(last_ref_id_));
+    storage::write_meta(db_, storage::meta_key::last_symbol_id, std::to_string(last_symbol_id_));
+    storage::write_meta(db_, storage::meta_key::last_ref_id, std::to_string(last_ref_id_));
 }
 
 void IndexStore::update_stat(std::int64_t file_id, std::int64_t size, std::int64_t mtime_ns) {
@@ -298,9 +298,7 @@ void IndexStore::load_snapshot(IndexSnapshot& snapshot, const std::unordered_set
     });
 }
 
-RefreshCounts IndexStore::write_derived(const DerivedData& derived, const IndexSnapshot& snapshot) {
-    RefreshCounts counts;
-
+void IndexStore::write_derived(const DerivedData& derived, const IndexSnapshot& snapshot) {
     // Reference edges: both sides sorted by (symbol, reference), so one merge gives the change.
     std::vector<ReferenceEdge> stored;
     {
@@ -316,7 +314,6 @@ RefreshCounts IndexStore::write_derived(const DerivedData& derived, const IndexS
             if (j == derived.edges.size() || (i < stored.size() && stored[i] < derived.edges[j])) {
                 remove.bind(1, stored[i].symbol_id).bind(2, stored[i].reference_id);
                 remove.run();
-                ++counts.edges_removed;
                 ++i;
             } else if (i == stored.size() || derived.edges[j] < stored[i]) {
                 added.push_back(derived.edges[j]);
@@ -330,7 +327,6 @@ RefreshCounts IndexStore::write_derived(const DerivedData& derived, const IndexS
         add.insert(added.size(), [&](storage::RowBinder& row, std::size_t k) {
             row.bind(1, added[k].symbol_id).bind(2, added[k].reference_id);
         });
-        counts.edges_added = static_cast<std::int64_t>(added.size());
     }
 
     // Fan-in: only the symbols whose count changed.
@@ -346,7 +342,6 @@ RefreshCounts IndexStore::write_derived(const DerivedData& derived, const IndexS
             update.bind(1, fan_in).bind(2, id);
             update.run();
         }
-        counts.fan_in_updates = static_cast<std::int64_t>(changes.size());
     }
 
     // Covering tests: few rows; replaced whole.
@@ -356,8 +351,6 @@ RefreshCounts IndexStore::write_derived(const DerivedData& derived, const IndexS
         insert.bind(1, row.source_file_id).bind(2, row.test_file_id).bind(3, row.rank).bind(4, row.used_symbols);
         insert.run();
     }
-    counts.covering_tests = static_cast<std::int64_t>(derived.covering_tests.size());
-    return counts;
 }
 
 std::int64_t IndexStore::count_files() { return db_.scalar_int("SELECT count(*) FROM files"); }

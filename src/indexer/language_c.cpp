@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "extract_internal.hpp"
+#include "orvane_kestrix/indexer/file_classification.hpp"
 #include "tree_walker.hpp"
 
 namespace orvane_kestrix::indexer::detail {
@@ -102,13 +103,6 @@ bool is_const(const Context& ctx, TSNode declaration) {
             std::string_view word = node_text(ctx.text, child);
             if (word == "const" || word == "constexpr" || word == "constinit") return true;
         }
-    }
-    return false;
-}
-
-bool is_header_path(std::string_view path) {
-    for (std::string_view ext : {".h", ".hh", ".hpp", ".hxx", ".h++", ".inl", ".ipp", ".tpp"}) {
-        if (path.size() > ext.size() && path.ends_with(ext)) return true;
     }
     return false;
 }

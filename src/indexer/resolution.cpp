@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <exception>
 #include <map>
 #include <regex>
 #include <set>
@@ -10,8 +9,10 @@
 #include <thread>
 #include <unordered_set>
 
-#include "orvane_kestrix/indexer/file_classification.hpp"
 #include "languages.hpp"
+#include "orvane_kestrix/indexer/file_classification.hpp"
+#include "orvane_kestrix/paths.hpp"
+#include "worker_threads.hpp"
 
 namespace orvane_kestrix::indexer {
 
@@ -22,21 +23,6 @@ using FileList = std::vector<Index>;
 
 // Below this many references per core, resolving on one thread is as quick.
 constexpr std::size_t kReferencesPerSlice = 20000;
-
-std::string_view directory_of(std::string_view path) {
-    const auto slash = path.rfind('/');
-    return slash == std::string_view::npos ? std::string_view() : path.substr(0, slash);
-}
-
-std::string_view file_name_of(std::string_view path) {
-    const auto slash = path.rfind('/');
-    return slash == std::string_view::npos ? path : path.substr(slash + 1);
-}
-
-std::string_view without_extension(std::string_view name) {
-    const auto dot = name.rfind('.');
-    return dot == std::string_view::npos || dot == 0 ? name : name.substr(0, dot);
-}
 
 std::vector<std::string> split(std::string_view text, std::string_view separators) {
     std::vector<std::string> parts;
@@ -67,22 +53,6 @@ std::string join(const std::vector<std::string>& parts, std::size_t count, char 
     return out;
 }
 
-// `base` joined with the "/"-separated `relative`, "." and ".." folded; absent when it climbs
-// out of the repository.
-std::optional<std::string> join_path(std::string_view base, std::string_view relative) {
-    std::vector<std::string> parts = base.empty() ? std::vector<std::string>{} : split(base, "/");
-    for (auto& part : split(relative, "/")) {
-        if (part.empty() || part == ".") continue;
-        if (part == "..") {
-            if (parts.empty()) return std::nullopt;
-            parts.pop_back();
-        } else {
-            parts.push_back(std::move(part));
-        }
-    }
-    return join(parts, parts.size());
-}
-
 // File names that stand for their directory as a module.
 bool is_package_file(std::string_view stem, Language language) {
     const auto& package_files = language_spec(language).imports.package_files;
@@ -91,14 +61,6 @@ bool is_package_file(std::string_view stem, Language language) {
 
 ModulePaths module_paths(Language language) {
     return language_spec(language).imports.module_paths;
-}
-
-bool is_header(std::string_view path) {
-    const std::string_view name = file_name_of(path);
-    const auto dot = name.rfind('.');
-    if (dot == std::string_view::npos) return false;
-    const std::string_view ext = name.substr(dot + 1);
-    return ext == "h" || ext == "hh" || ext == "hpp" || ext == "hxx" || ext == "h++";
 }
 
 bool is_self_qualifier(std::string_view qualifier) {
@@ -206,30 +168,17 @@ public:
         set_packages(s_.packages);
         build_file_indexes();
         // The symbol lookups and the imports (which need only the files) are built side by side.
-        std::exception_ptr error;
-        std::thread by_file([&] {
-            try {
-                build_symbols_by_file();
-            } catch (...) {
-                error = std::current_exception();
+        WorkerThreads by_file(1, [&](std::size_t) { build_symbols_by_file(); });
+        std::vector<std::vector<const SnapshotImport*>> imports_of_file(s_.files.size());
+        for (const auto& import : s_.imports) {
+            if (auto it = file_index_.find(import.file_id); it != file_index_.end()) {
+                imports_of_file[it->second].push_back(&import);
             }
-        });
-        try {
-            std::vector<std::vector<const SnapshotImport*>> imports_of_file(s_.files.size());
-            for (const auto& import : s_.imports) {
-                if (auto it = file_index_.find(import.file_id); it != file_index_.end()) {
-                    imports_of_file[it->second].push_back(&import);
-                }
-            }
-            imports_.reserve(s_.files.size());
-            for (Index file = 0; file < s_.files.size(); ++file) imports_.push_back(resolve_imports(file, imports_of_file[file]));
-            build_symbols_by_name();
-        } catch (...) {
-            by_file.join();
-            throw;
         }
+        imports_.reserve(s_.files.size());
+        for (Index file = 0; file < s_.files.size(); ++file) imports_.push_back(resolve_imports(file, imports_of_file[file]));
+        build_symbols_by_name();
         by_file.join();
-        if (error) std::rethrow_exception(error);
     }
 
     std::vector<std::int64_t> resolve(const SnapshotReference& ref, QualifierCache& qualifiers) const {
@@ -487,7 +436,7 @@ private:
 
         const ModulePaths paths = module_paths(language);
         if (paths == ModulePaths::include_files) {
-            if (auto joined = join_path(dir, module)) {
+            if (auto joined = join_relative(dir, module)) {
                 if (auto it = exact_path_.find(*joined); it != exact_path_.end()) target.files = it->second;
             }
             if (target.files.empty()) {
@@ -496,11 +445,11 @@ private:
             // A header's definitions live in the sources of the same name.
             FileList with_sources = target.files;
             for (Index header : target.files) {
-                if (!is_header(s_.files[header].path)) continue;
+                if (!is_header_path(s_.files[header].path)) continue;
                 const std::string stem(without_extension(file_name_of(s_.files[header].path)));
                 if (auto it = c_stem_files_.find(stem); it != c_stem_files_.end()) {
                     for (Index source : it->second) {
-                        if (!is_header(s_.files[source].path)) with_sources.push_back(source);
+                        if (!is_header_path(s_.files[source].path)) with_sources.push_back(source);
                     }
                 }
             }
@@ -510,7 +459,7 @@ private:
 
         const bool file_paths = paths == ModulePaths::relative_files;
         if (file_paths && (module.starts_with("./") || module.starts_with("../") || module == "." || module == "..")) {
-            auto joined = join_path(dir, module);
+            auto joined = join_relative(dir, module);
             if (!joined) return target;
             if (auto it = exact_path_.find(*joined); it != exact_path_.end()) {
                 target.files = it->second;
@@ -535,7 +484,7 @@ private:
             while (dots < module.size() && module[dots] == '.') ++dots;
             std::string up(dir);
             for (std::size_t i = 1; i < dots; ++i) {
-                auto parent = join_path(up, "..");
+                auto parent = join_relative(up, "..");
                 if (!parent) return target;
                 up = *parent;
             }
@@ -770,18 +719,7 @@ DerivedData derive_index_data(const IndexSnapshot& snapshot) {
         }
         std::sort(out.edges.begin(), out.edges.end());
     };
-    {
-        std::vector<std::thread> threads;
-        for (std::size_t k = 1; k < slices; ++k) threads.emplace_back(resolve_slice, k);
-        // Joined even when this slice throws (out of memory), which would otherwise terminate.
-        struct Join {
-            std::vector<std::thread>& threads;
-            ~Join() {
-                for (auto& thread : threads) thread.join();
-            }
-        } join{threads};
-        resolve_slice(0);
-    }
+    run_in_parallel(slices, resolve_slice);
     std::map<Index, std::map<Index, std::set<std::int64_t>>> used = std::move(results[0].used);
     data.fan_in = std::move(results[0].fan_in);
     data.edges = std::move(results[0].edges);

@@ -2,7 +2,7 @@
 
 #include "orvane_kestrix/storage/repository_fan_in.hpp"
 
-#include <cstdio>
+#include "orvane_kestrix/text/json_string.hpp"
 
 namespace orvane_kestrix {
 
@@ -22,37 +22,13 @@ std::string json_array(const std::vector<std::string>& values) {
     std::string out = "[";
     for (std::size_t i = 0; i < values.size(); ++i) {
         if (i > 0) out.push_back(',');
-        out.push_back('"');
-        for (const char c : values[i]) {
-            const auto byte = static_cast<unsigned char>(c);
-            if (c == '"' || c == '\\') {
-                out.push_back('\\');
-                out.push_back(c);
-            } else if (byte < 0x20) {
-                char escape[8];
-                std::snprintf(escape, sizeof escape, "\\u%04x", byte);
-                out += escape;
-            } else {
-                out.push_back(c);
-            }
-        }
-        out.push_back('"');
+        text::append_json_string(out, values[i]);
     }
     out.push_back(']');
     return out;
 }
 
 }  // namespace storage
-
-namespace {
-
-// Resets a statement when the answer has been read or an error leaves the scope.
-struct ResetOnExit {
-    storage::Statement& statement;
-    ~ResetOnExit() { statement.reset(); }
-};
-
-}  // namespace
 
 FanInQueries::FanInQueries(storage::Database& db)
     : fan_in_(db.prepare("SELECT s.id, s.production_fan_in FROM json_each(?1) AS j "
@@ -63,7 +39,7 @@ FanInQueries::FanInQueries(storage::Database& db)
 FanInMap FanInQueries::production_fan_in(const std::vector<std::int64_t>& ids) {
     FanInMap out;
     if (ids.empty()) return out;
-    ResetOnExit guard{fan_in_};
+    storage::ResetOnExit guard{fan_in_};
     fan_in_.bind(1, storage::json_array(ids));
     while (fan_in_.step()) out.emplace(fan_in_.column_int64(0), fan_in_.column_int64(1));
     return out;
@@ -72,7 +48,7 @@ FanInMap FanInQueries::production_fan_in(const std::vector<std::int64_t>& ids) {
 std::unordered_set<std::string> FanInQueries::test_paths(const std::vector<std::string>& paths) {
     std::unordered_set<std::string> out;
     if (paths.empty()) return out;
-    ResetOnExit guard{test_paths_};
+    storage::ResetOnExit guard{test_paths_};
     test_paths_.bind(1, storage::json_array(paths));
     while (test_paths_.step()) out.emplace(test_paths_.column_text(0));
     return out;

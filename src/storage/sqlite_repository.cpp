@@ -13,6 +13,7 @@ namespace orvane_kestrix {
 
 namespace {
 
+using storage::ResetOnExit;
 using storage::Statement;
 
 // The Symbol members, in the order read_symbol expects them.
@@ -38,16 +39,10 @@ Symbol read_symbol(const Statement& row, int first = 0) {
     return s;
 }
 
-// Resets a statement when its answer has been read or an error leaves the scope.
-struct ResetOnExit {
-    Statement& statement;
-    ~ResetOnExit() { statement.reset(); }
-};
-
 // Search statements share their tail: the source-only switch (?2) and the id order. The
 // recheck of the pattern is written `+s.name LIKE ?1` so that SQLite never treats the pattern
 // as an index key, which would recompile the statement for every new pattern.
-// ?5 is the row limit (one past the caller's, to tell whether the cut dropped matches).
+// ?5 is the row limit.
 constexpr const char* kSearchTail = " AND (?2 = 0 OR f.is_source = 1) ORDER BY s.id LIMIT ?5";
 
 std::string search_sql(const char* where) {
@@ -218,7 +213,6 @@ std::vector<FileRecord> SqliteRepository::get_files_by_component(std::int64_t co
 SymbolSearchResult SqliteRepository::search_symbols(const std::string& pattern, std::int64_t limit, bool source_only) {
     const NamePatternPlan plan = plan_name_pattern(pattern);
     SymbolSearchResult result;
-    result.pattern = pattern;
     // SQLite refuses a LIKE pattern beyond its length limit; no name in an index is that long
     // (the indexer drops longer qualified names), so such a pattern matches nothing.
     if (plan.route != NamePatternRoute::exact &&
@@ -240,13 +234,9 @@ SymbolSearchResult SqliteRepository::search_symbols(const std::string& pattern, 
         q->bind(3, plan.lower);
         q->bind(4, plan.upper);
     }
-    // One row past the limit tells whether the cut dropped matches; a negative limit is none.
-    const bool unlimited = limit < 0 || limit == std::numeric_limits<std::int64_t>::max();
-    q->bind(5, unlimited ? std::int64_t{-1} : limit + 1);
-    while (q->step()) {
-        if (limit < 0 || result.total < limit) result.symbols.push_back(read_symbol(*q));
-        ++result.total;
-    }
+    // A negative limit is none (SQLite reads LIMIT -1 so too).
+    q->bind(5, limit < 0 ? std::int64_t{-1} : limit);
+    while (q->step()) result.symbols.push_back(read_symbol(*q));
     return result;
 }
 

@@ -7,22 +7,21 @@
 #include <unistd.h>
 
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <charconv>
+#include <optional>
 #include <system_error>
 
 namespace orvane_kestrix::storage {
 
 namespace {
 
-// Each entry brings the schema from the previous version to `version`. A new schema version
-// appends an entry; released entries never change.
-struct Migration {
-    int version;
-    const char* sql;
-};
+// The schema is written once, table by table: a new index is made at the current version
+// directly, and a file of an older version is brought forward by the migrations after its own.
 
-constexpr const char* kSchemaV1 = R"sql(
+// meta, components and files: as the first schema made them.
+constexpr const char* kFileTables = R"sql(
 CREATE TABLE meta(
   key TEXT PRIMARY KEY,
   value TEXT NOT NULL
@@ -47,9 +46,12 @@ CREATE TABLE files(
   has_syntax_errors INTEGER NOT NULL DEFAULT 0
 );
 CREATE INDEX files_by_component ON files(component_id);
+)sql";
 
+// The tables of parsed content as the current schema has them.
+constexpr const char* kContentTables = R"sql(
 CREATE TABLE symbols(
-  id INTEGER PRIMARY KEY AUTOINCREMENT,
+  id INTEGER PRIMARY KEY,
   file_id INTEGER NOT NULL REFERENCES files(id),
   parent_id INTEGER,
   name TEXT NOT NULL,
@@ -70,11 +72,9 @@ CREATE INDEX symbols_by_name ON symbols(name COLLATE NOCASE);
 
 CREATE VIRTUAL TABLE symbol_names USING fts5(
   name, content='symbols', content_rowid='id', tokenize='trigram', detail='none');
-CREATE VIRTUAL TABLE symbol_text USING fts5(
-  name, fqn, signature, docstring, content='symbols', content_rowid='id');
 
 CREATE TABLE refs(
-  id INTEGER PRIMARY KEY AUTOINCREMENT,
+  id INTEGER PRIMARY KEY,
   file_id INTEGER NOT NULL REFERENCES files(id),
   caller_id INTEGER,
   name TEXT NOT NULL,
@@ -109,9 +109,22 @@ CREATE TABLE covering_tests(
   PRIMARY KEY (source_file_id, test_file_id)
 ) WITHOUT ROWID;
 CREATE INDEX covering_tests_by_test ON covering_tests(test_file_id);
-
-INSERT INTO meta(key, value) VALUES ('derived_stale', '0');
 )sql";
+
+// What a new index starts with in meta: nothing derived yet, no ids given out.
+constexpr const char* kNewIndexMeta = R"sql(
+INSERT INTO meta(key, value) VALUES ('derived_stale', '1'), ('last_symbol_id', '0'), ('last_ref_id', '0');
+)sql";
+
+// Each entry brings the schema from the previous version to `version`: its `sql`, then, when
+// it changes the content tables, those tables remade empty at the current schema (their rows
+// are parsed again anyway). A new schema version appends an entry; released entries never
+// change.
+struct Migration {
+    int version;
+    const char* sql;
+    bool remakes_content_tables;
+};
 
 // Version 2: symbols and references get their ids from the writer (a high-water mark in meta
 // keeps them unique for the life of the file) instead of AUTOINCREMENT, whose bookkeeping
@@ -138,71 +151,10 @@ DELETE FROM files;
 DELETE FROM components;
 DELETE FROM meta WHERE key IN ('parser_revision', 'packages');
 INSERT OR REPLACE INTO meta(key, value) VALUES ('derived_stale', '1');
-
-CREATE TABLE symbols(
-  id INTEGER PRIMARY KEY,
-  file_id INTEGER NOT NULL REFERENCES files(id),
-  parent_id INTEGER,
-  name TEXT NOT NULL,
-  fqn TEXT NOT NULL,
-  kind TEXT NOT NULL,
-  start_line INTEGER NOT NULL,
-  end_line INTEGER NOT NULL,
-  signature TEXT,
-  docstring TEXT,
-  docstring_truncated INTEGER NOT NULL DEFAULT 0,
-  is_export INTEGER NOT NULL DEFAULT 0,
-  token_count INTEGER NOT NULL DEFAULT 0,
-  production_fan_in INTEGER NOT NULL DEFAULT 0
-);
-CREATE INDEX symbols_by_file ON symbols(file_id, start_line);
-CREATE INDEX symbols_by_fqn ON symbols(fqn);
-CREATE INDEX symbols_by_name ON symbols(name COLLATE NOCASE);
-
-CREATE VIRTUAL TABLE symbol_names USING fts5(
-  name, content='symbols', content_rowid='id', tokenize='trigram', detail='none');
-
-CREATE TABLE refs(
-  id INTEGER PRIMARY KEY,
-  file_id INTEGER NOT NULL REFERENCES files(id),
-  caller_id INTEGER,
-  name TEXT NOT NULL,
-  qualifier TEXT NOT NULL DEFAULT '',
-  usage_type TEXT NOT NULL,
-  line INTEGER NOT NULL,
-  context TEXT NOT NULL DEFAULT ''
-);
-CREATE INDEX refs_by_file ON refs(file_id);
-
-CREATE TABLE ref_targets(
-  symbol_id INTEGER NOT NULL,
-  ref_id INTEGER NOT NULL,
-  PRIMARY KEY (symbol_id, ref_id)
-) WITHOUT ROWID;
-
-CREATE TABLE imports(
-  id INTEGER PRIMARY KEY,
-  file_id INTEGER NOT NULL REFERENCES files(id),
-  module TEXT NOT NULL,
-  name TEXT,
-  alias TEXT,
-  line INTEGER NOT NULL
-);
-CREATE INDEX imports_by_file ON imports(file_id);
-
-CREATE TABLE covering_tests(
-  source_file_id INTEGER NOT NULL,
-  test_file_id INTEGER NOT NULL,
-  rank REAL NOT NULL,
-  used_symbols INTEGER NOT NULL DEFAULT 0,
-  PRIMARY KEY (source_file_id, test_file_id)
-) WITHOUT ROWID;
-CREATE INDEX covering_tests_by_test ON covering_tests(test_file_id);
 )sql";
 
 constexpr std::array kMigrations = {
-    Migration{1, kSchemaV1},
-    Migration{2, kSchemaV2},
+    Migration{2, kSchemaV2, true},
 };
 static_assert(kMigrations.back().version == kIndexSchemaVersion);
 
@@ -431,16 +383,46 @@ FileState read_state(Database& db) {
     return state;
 }
 
+// Brings an empty file (version 0) or an older index to the current schema.
 void migrate(Database& db, std::int64_t from_version) {
     Transaction transaction(db);
+    if (from_version == 0) {
+        db.exec(kFileTables);
+        db.exec(kContentTables);
+        db.exec(kNewIndexMeta);
+    }
     for (const auto& migration : kMigrations) {
-        if (migration.version <= from_version) continue;
+        if (from_version == 0 || migration.version <= from_version) continue;
         db.exec(migration.sql);
+        if (migration.remakes_content_tables) db.exec(kContentTables);
     }
     db.exec("PRAGMA application_id = " + std::to_string(kIndexApplicationId));
     db.exec("PRAGMA user_version = " + std::to_string(kIndexSchemaVersion));
-    write_meta(db, "schema_version", std::to_string(kIndexSchemaVersion));
+    write_meta(db, meta_key::schema_version, std::to_string(kIndexSchemaVersion));
     transaction.commit();
+}
+
+// Errors of a reader that cannot write the files SQLite keeps beside a database.
+bool cannot_write_beside(const SqliteError& e) {
+    const int primary = e.code() & 0xff;
+    return primary == SQLITE_READONLY || primary == SQLITE_CANTOPEN || primary == SQLITE_IOERR ||
+           primary == SQLITE_FULL;
+}
+
+// The URI that opens `path` as an immutable database (no locks, no shared memory).
+std::string immutable_uri(const std::filesystem::path& path) {
+    const std::string absolute = std::filesystem::absolute(path).string();
+    std::string uri = "file:";
+    for (const char c : absolute) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (std::isalnum(byte) || c == '/' || c == '-' || c == '.' || c == '_' || c == '~') {
+            uri.push_back(c);
+        } else {
+            constexpr char kHex[] = "0123456789ABCDEF";
+            uri += {'%', kHex[byte >> 4], kHex[byte & 15]};
+        }
+    }
+    return uri + "?immutable=1";
 }
 
 }  // namespace
@@ -458,14 +440,26 @@ Database open_index(const std::filesystem::path& path, const IndexOpenOptions& o
     // A connection belongs to one thread at a time: SQLite's own locking is not needed.
     const int flags = SQLITE_OPEN_NOMUTEX |
                       (options.read_only ? SQLITE_OPEN_READONLY : (SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE));
-    Database db(path, flags);
+    std::optional<Database> opened;
     FileState state;
     try {
-        state = read_state(db);
+        try {
+            opened.emplace(path, flags);
+            state = read_state(*opened);
+        } catch (const SqliteError& e) {
+            if (!options.read_only || !cannot_write_beside(e)) throw;
+            // A reader that may not create the shared-memory file beside the index (a read-only
+            // directory or medium, a full disk) reads the file as it is: nothing can be
+            // writing it there.
+            opened.reset();
+            opened.emplace(immutable_uri(path), flags | SQLITE_OPEN_URI);
+            state = read_state(*opened);
+        }
     } catch (const SqliteError& e) {
         if (e.is_corruption()) throw IndexFileError(path, "not a readable SQLite database (" + std::string(e.what()) + ")");
         throw;
     }
+    Database db = std::move(*opened);
 
     const bool empty = state.application_id == 0 && state.tables == 0;
     if (!empty && state.application_id != kIndexApplicationId) {

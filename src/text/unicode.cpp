@@ -172,4 +172,14 @@ std::string universal_newlines(std::string_view text) {
     return out;
 }
 
+std::string source_text(std::string_view bytes) {
+    std::string text = is_valid_utf8(bytes) ? std::string(bytes) : decode_utf8_lenient(bytes);
+    if (text.find('\r') != std::string::npos) text = universal_newlines(text);
+    return text;
+}
+
+bool is_source_text(std::string_view bytes) {
+    return bytes.find('\r') == std::string_view::npos && is_valid_utf8(bytes);
+}
+
 }  // namespace orvane_kestrix::text

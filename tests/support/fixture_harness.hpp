@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "orvane_kestrix/storage/fixture_repository.hpp"
+#include "orvane_kestrix/fixture/fixture_repository.hpp"
 
 namespace orvane_kestrix::testing {
 

@@ -87,8 +87,6 @@ TEST(FixtureIndexTest, SearchMatchesNamesInTableOrderHonoursSourceOnlyAndCutsToT
     std::vector<std::int64_t> ids;
     for (const auto& s : all.symbols) ids.push_back(s.id.value_or(-1));
     EXPECT_EQ(ids, (std::vector<std::int64_t>{1, 2, 3, 4}));
-    EXPECT_EQ(all.total, 4);
-    EXPECT_EQ(all.pattern, "%read%");
 
     // README.md is not a source file; a symbol whose file is unknown stays.
     auto source = index.repository.search_symbols("%read%", 50, true);
@@ -98,7 +96,6 @@ TEST(FixtureIndexTest, SearchMatchesNamesInTableOrderHonoursSourceOnlyAndCutsToT
 
     auto cut = index.repository.search_symbols("%", 2, false);
     EXPECT_EQ(cut.symbols.size(), 2u);
-    EXPECT_EQ(cut.total, 6);
 }
 
 TEST(FixtureIndexTest, AnswersFollowTheTables) {

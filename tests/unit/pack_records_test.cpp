@@ -76,6 +76,28 @@ TEST(ContextPackTest, TestRowsAreWrittenWithFileThenFor) {
     EXPECT_EQ(pack.to_dict()["tests"].dump(), R"([{"file":"tests/test_a.py","for":"a.py"}])");
 }
 
+// The index stores each symbol's token count from the row head; it must price exactly the
+// text the pack's JSON writer prints for those members, whatever the strings hold.
+TEST(ContextPackTest, StoredTokenCountPricesTheRowHeadAsTheJsonWriterPrintsIt) {
+    const std::string long_fqn(90, 'x');
+    const SymbolRow rows[] = {
+        {.fqn = "shop.cart.total", .name = "total", .kind = "function", .file = "shop/cart.py", .line = 12,
+         .signature = "def total(items) -> int"},
+        {.fqn = "a\"quoted\"\\b", .name = "tab\there", .kind = "method", .file = "dir/ünïcödé.py", .line = 1},
+        {.fqn = long_fqn, .name = "\x01\x1f", .kind = "class", .file = "x\ny", .line = 123456789,
+         .signature = "€ λ 漢字"},
+    };
+    for (const auto& row : rows) {
+        const OrderedJson written = row.to_json();
+        OrderedJson head = OrderedJson::object();
+        for (const auto& [key, value] : written.items()) {
+            if (key == "docstring") break;
+            head[key] = value;
+        }
+        EXPECT_EQ(row.head().estimated_tokens(), estimate_tokens(head.dump())) << head.dump();
+    }
+}
+
 TEST(EstimateTokensTest, CountsCodePointsTruncatedWithAFloorOfOne) {
     struct Case {
         std::optional<std::string> text;

@@ -10,7 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "orvane_kestrix/replay.hpp"
+#include "orvane_kestrix/fixture/replay.hpp"
 
 namespace orvane_kestrix {
 namespace {

@@ -34,6 +34,9 @@ bool is_named_test_for(std::string_view test_path, Language test_language, std::
 // JavaScript with TypeScript and TSX; every other language is its own family.
 int language_family(Language language);
 
+// A C or C++ header by its extension: h, hh, hpp, hxx, h++, inl, ipp, tpp.
+bool is_header_path(std::string_view path);
+
 // A package manifest by file name: pyproject.toml, setup.py, package.json, go.mod, Cargo.toml,
 // pom.xml, build.gradle(.kts), CMakeLists.txt.
 bool is_package_manifest(std::string_view file_name);
@@ -47,7 +50,6 @@ public:
 
     // The deepest component of the file: its repository-relative directory, "." for the root.
     std::string component_of(std::string_view path) const;
-    const std::set<std::string>& manifest_dirs() const { return manifest_dirs_; }
 
 private:
     std::set<std::string> manifest_dirs_;  // "." for the root

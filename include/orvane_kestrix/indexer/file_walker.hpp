@@ -24,7 +24,6 @@ struct WalkResult {
     // root), sorted, each once. Not filtered by language or size.
     std::vector<std::string> files;
     std::vector<SkippedFile> skipped;
-    bool from_git = false;
 };
 
 struct WalkOptions {

@@ -49,13 +49,6 @@ struct ParsedFile {
     std::vector<std::int64_t> token_counts;  // one per symbol
 };
 
-struct RefreshCounts {
-    std::int64_t edges_added = 0;
-    std::int64_t edges_removed = 0;
-    std::int64_t fan_in_updates = 0;
-    std::int64_t covering_tests = 0;
-};
-
 class IndexStore {
 public:
     explicit IndexStore(storage::Database& db);
@@ -87,7 +80,7 @@ public:
     // Makes the stored references, fan-in and covering tests those of `derived`, writing only
     // what differs. `snapshot` is the one `derived` was computed from: all symbols, with the
     // fan-in each has in the index.
-    RefreshCounts write_derived(const DerivedData& derived, const IndexSnapshot& snapshot);
+    void write_derived(const DerivedData& derived, const IndexSnapshot& snapshot);
 
     std::int64_t count_files();
     std::int64_t count_symbols();

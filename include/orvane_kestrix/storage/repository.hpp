@@ -62,8 +62,6 @@ struct Reference {
 
 struct SymbolSearchResult {
     std::vector<Symbol> symbols;  // in the index's order, cut to the limit
-    std::int64_t total = 0;       // matches before the cut
-    std::string pattern;
 };
 
 struct ReferencesResult {

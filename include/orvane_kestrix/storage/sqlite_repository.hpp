@@ -9,14 +9,12 @@
 // Answers and their order:
 // - search_symbols: names matched as SQLite's LIKE does (ASCII letters fold, other characters
 //   compare exactly, "%" any run, "_" one character, no escape character), in id order (the
-//   order of indexing, source order within a file). `total` is a cheap bound: the exact number
-//   of matches when they fit within the limit, else limit + 1 ("more than the limit"); the
-//   search stops there instead of counting every match of a common word. With a negative
-//   limit nothing is cut and `total` is exact. How a pattern is looked up depends on its
-//   shape: without wildcards, through the NOCASE index on names; with a run of three or more
-//   literal characters, through the trigram table symbol_names (every trigram of the runs
-//   must occur), rechecked with LIKE; with a literal head, through a range of the NOCASE
-//   index; otherwise by a scan in id order.
+//   order of indexing, source order within a file), stopping at the limit (a negative limit
+//   is none) instead of counting every match of a common word. How a pattern is looked up
+//   depends on its shape: without wildcards, through the NOCASE index on names; with a run of
+//   three or more literal characters, through the trigram table symbol_names (every trigram
+//   of the runs must occur), rechecked with LIKE; with a literal head, through a range of the
+//   NOCASE index; otherwise by a scan in id order.
 // - get_file_paths_batch: the path of the file each record's file_id names (the record as
 //   the caller holds it; a record without id or file_id, or naming no indexed file, is left out).
 // - find_covering_tests: one record per test file, ordered by the test file's path; its

@@ -47,9 +47,8 @@
 //           token_count, production_fan_in)
 //       One row per definition. `parent_id` is the enclosing definition in the same file, or
 //       NULL. `signature`/`docstring` are NULL when absent. `token_count` is the stored
-//       Symbol::token_count(): estimate_tokens of the compact JSON text of
-//       {"fqn","name","kind","file","line","signature"} (line = start_line, signature null when
-//       absent). `production_fan_in` is the number of references from non-test files resolved
+//       Symbol::token_count(): SymbolRowHead::estimated_tokens() of the symbol's pack row
+//       (fqn, name, kind, file, line = start_line, signature null when absent). `production_fan_in` is the number of references from non-test files resolved
 //       to this symbol. Ids are never reused (see last_symbol_id); a re-parsed file gets new ids.
 //       Order within a file: by id, which is source order.
 //       Indexes: symbols_by_file(file_id, start_line), symbols_by_fqn(fqn),
@@ -215,6 +214,13 @@ private:
     sqlite3_stmt* stmt_ = nullptr;
 };
 
+// Resets a statement when its answer has been read or an error leaves the scope, so that a
+// prepared statement kept for reuse never stays half-run.
+struct ResetOnExit {
+    Statement& statement;
+    ~ResetOnExit() { statement.reset(); }
+};
+
 // BEGIN IMMEDIATE on construction; rolls back on destruction unless committed.
 class Transaction {
 public:
@@ -259,6 +265,17 @@ void publish_index(Database db, const std::filesystem::path& target);
 std::filesystem::path unpublished_index_path(const std::filesystem::path& target);
 // Deletes the unpublished builds for `target` whose process is gone (killed half way).
 void remove_abandoned_builds(const std::filesystem::path& target);
+
+// The keys of the `meta` table (described at the top of this file).
+namespace meta_key {
+inline constexpr std::string_view schema_version = "schema_version";
+inline constexpr std::string_view derived_stale = "derived_stale";
+inline constexpr std::string_view indexed_at = "indexed_at";
+inline constexpr std::string_view packages = "packages";
+inline constexpr std::string_view parser_revision = "parser_revision";
+inline constexpr std::string_view last_symbol_id = "last_symbol_id";
+inline constexpr std::string_view last_ref_id = "last_ref_id";
+}  // namespace meta_key
 
 // Reads and writes the `meta` table.
 std::optional<std::string> read_meta(Database& db, std::string_view key);

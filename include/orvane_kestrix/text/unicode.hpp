@@ -32,4 +32,10 @@ std::string decode_utf8_lenient(std::string_view bytes);
 // CR LF and lone CR become LF.
 std::string universal_newlines(std::string_view text);
 
+// File bytes as the index and the snippet reader read them: ill-formed UTF-8 replaced as
+// decode_utf8_lenient does, CR LF and lone CR as LF, a byte-order mark kept.
+std::string source_text(std::string_view bytes);
+// Whether the bytes already read so: valid UTF-8 without a CR.
+bool is_source_text(std::string_view bytes);
+
 }  // namespace orvane_kestrix::text

@@ -40,20 +40,13 @@ struct ContextArguments {
     bool pretty = false;
 };
 
-std::string one_line(std::string text) {
-    for (char& c : text) {
-        if (c == '\n' || c == '\r') c = ' ';
-    }
-    return text;
-}
-
 // Whether `db` holds a completed index; a file left by an interrupted first run has no
 // completion time and is indexed again (the builder resumes where it stopped).
 bool index_complete(const fs::path& db) {
     std::error_code error;
     if (!fs::exists(db, error)) return false;
     storage::Database database = storage::open_index(db, {.read_only = true});
-    return storage::read_meta(database, "indexed_at").has_value();
+    return storage::read_meta(database, storage::meta_key::indexed_at).has_value();
 }
 
 void build_index(const fs::path& repo, const fs::path& db) {

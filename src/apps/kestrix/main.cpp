@@ -31,6 +31,13 @@ protected:
 
 }  // namespace
 
+std::string one_line(std::string text) {
+    for (char& c : text) {
+        if (c == '\n' || c == '\r') c = ' ';
+    }
+    return text;
+}
+
 void install_stderr_log_sink(bool verbose) {
     auto logger = context_logger();
     logger->sinks().push_back(std::make_shared<StderrSink>());

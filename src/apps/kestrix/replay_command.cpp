@@ -4,18 +4,11 @@
 #include <iostream>
 
 #include "command.hpp"
-#include "orvane_kestrix/replay.hpp"
+#include "orvane_kestrix/fixture/replay.hpp"
 
 namespace orvane_kestrix::app {
 
 namespace {
-
-std::string one_line(std::string text) {
-    for (char& c : text) {
-        if (c == '\n' || c == '\r') c = ' ';
-    }
-    return text;
-}
 
 // Reads all of `in` unless it holds more than kMaxFixtureBytes (an endless device among them).
 bool read_capped(std::istream& in, std::string& text) {

@@ -1,18 +1,14 @@
 // Snippet extraction: the head of a symbol's source text, cut to the per-symbol line cap and to
 // what remains of the pack's total line cap.
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <limits>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "orvane_kestrix/beneath_root.hpp"
+#include "orvane_kestrix/regular_file.hpp"
 #include "orvane_kestrix/text/unicode.hpp"
 #include "orvane_kestrix/workers/context_builder/context_builder.hpp"
 
@@ -44,17 +40,12 @@ std::pair<std::optional<std::string>, std::int64_t> ContextBuilder::_extract_sni
     if (remaining_lines <= 0) return {std::nullopt, 0};
 
     // A missing file, a directory, anything but a regular file, a path out of the root: no
-    // snippet. Without a root the path is opened as it is.
+    // snippet. Without a root the path is read as it is.
     std::string raw;
-    struct stat info {};
-    const int fd = beneath ? beneath->open_file(file_path.native())
-                           : ::open(file_path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-    if (fd < 0 || read_regular_file(fd, kMaxSnippetFileBytes, raw, info) != FileRead::ok) return {std::nullopt, 0};
-    const std::string_view raw_text = raw;
-
-    // Text as the rest of the system sees it: undecodable bytes replaced, CR LF and lone CR
-    // read as LF, a byte-order mark kept.
-    const std::string content = text::universal_newlines(text::decode_utf8_lenient(raw_text));
+    const FileReadResult read = beneath ? read_regular_file(*beneath, file_path.native(), raw, kMaxSnippetFileBytes)
+                                        : read_regular_file(file_path, raw, kMaxSnippetFileBytes);
+    if (read.status != FileReadStatus::ok) return {std::nullopt, 0};
+    const std::string content = text::source_text(raw);
 
     // Line starts; a line runs up to and including its LF, the last one may have none.
     std::vector<std::size_t> line_starts;

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -37,6 +38,33 @@ struct TestRow {
     bool operator==(const TestRow&) const = default;
 };
 
+// The members a symbol row begins with, in their order: what the index knows of a symbol
+// apart from its docstring. The index stores the estimated tokens of these members per symbol
+// (Symbol::token_count()), so the row and that count are written from this one list.
+struct SymbolRowHead {
+    std::string_view fqn{};
+    std::string_view name{};
+    std::string_view kind{};
+    std::string_view file{};
+    std::int64_t line = 0;
+    std::optional<std::string_view> signature{};  // written as null when absent
+
+    // Calls write(key, value) for each member, in row order.
+    template <typename Write>
+    void write_members(Write&& write) const {
+        write("fqn", fqn);
+        write("name", name);
+        write("kind", kind);
+        write("file", file);
+        write("line", line);
+        write("signature", signature);
+    }
+
+    // estimate_tokens of these members as compact JSON text, as the pack's JSON writer prints
+    // them (the strings must be valid UTF-8).
+    std::int64_t estimated_tokens() const;
+};
+
 // One packed symbol. Optional members are written only when present (and non-empty);
 // `signature` and `docstring` are always written, as null when absent.
 struct SymbolRow {
@@ -54,6 +82,7 @@ struct SymbolRow {
     bool has_tests = false;  // written only as true
     std::optional<std::string> snippet{};
 
+    SymbolRowHead head() const;
     OrderedJson to_json() const;
 };
 

@@ -5,6 +5,7 @@
 
 #include <stdlib.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -272,6 +273,36 @@ TEST_F(ContextCommandTest, ReplaySnippetsStayInsideTheSourceTree) {
     ASSERT_EQ(climb_file.status, 0) << climb_file.err;
     EXPECT_EQ(climb_file.out.find("root:"), std::string::npos);
     EXPECT_FALSE(climb_file.json().at("pack").at("symbols").at(0).contains("snippet"));
+}
+
+// Reading never writes: an intact index in a directory that may not be written still packs.
+// The super-user, whom permissions do not bind, gets a read-only mount instead where allowed.
+TEST_F(ContextCommandTest, PacksFromAnIndexInAReadOnlyDirectory) {
+    const fs::path source = *dir_ / "index_copy";
+    const fs::path locked = *dir_ / "locked";
+    fs::create_directories(source);
+    fs::create_directories(locked);
+    fs::copy_file(repo() / ".kestrix" / "index.db", source / "index.db", fs::copy_options::overwrite_existing);
+    const bool super_user = ::geteuid() == 0;
+    if (super_user) {
+        const std::string mount = "mount --bind " + quoted(source.string()) + " " + quoted(locked.string()) +
+                                  " 2>/dev/null && mount -o remount,bind,ro " + quoted(locked.string()) + " 2>/dev/null";
+        if (std::system(mount.c_str()) != 0) {
+            std::system(("umount " + quoted(locked.string()) + " 2>/dev/null").c_str());
+            GTEST_SKIP() << "no read-only mount, and permissions do not bind the super-user";
+        }
+    } else {
+        fs::copy_file(source / "index.db", locked / "index.db");
+        fs::permissions(locked, fs::perms::owner_read | fs::perms::owner_exec);
+    }
+    const ToolRun run = context("Fix total_price", {"--db", (locked / "index.db").string()});
+    if (super_user) {
+        EXPECT_EQ(std::system(("umount " + quoted(locked.string())).c_str()), 0);
+    } else {
+        fs::permissions(locked, fs::perms::owner_all);
+    }
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.json().at("symbols").at(0).at("name"), "total_price");
 }
 
 }  // namespace
