@@ -560,9 +560,16 @@ private:
                 }
             }
             if (found != nullptr) {
-                target.files = *found;
-                if (count < parts.size()) target.member = parts[count];
-                return target;
+                // A module name means a file of the importer's own language family: Python's
+                // `shop.cart` is not a Ruby file at lib/shop/cart.rb.
+                const int family = language_family(language);
+                for (Index f : *found) {
+                    if (language_family(s_.files[f].language) == family) target.files.push_back(f);
+                }
+                if (!target.files.empty()) {
+                    if (count < parts.size()) target.member = parts[count];
+                    return target;
+                }
             }
             if (count == 0) break;
         }

@@ -197,6 +197,26 @@ TEST(Resolution, FollowsEachLanguagesImports) {
     EXPECT_EQ(s.targets(derived, c_call), "ring_push ring_push");
 }
 
+TEST(Resolution, ModuleNamesKeepToTheImportersLanguageFamily) {
+    Snapshot s;
+    // A Ruby file at the same module path as the Python import must not take the reference,
+    // and must not hide the Python module found under it.
+    const auto ruby = s.file("rb/lib/shop/cart.rb", Language::ruby);
+    const auto python = s.file("py/shop/cart.py", Language::python, "shop.cart");
+    const auto app = s.file("py/app.py", Language::python, "app");
+    const auto lonely = s.file("py/lonely.py", Language::python, "lonely");
+    s.symbol(ruby, "Shop.Cart.total");
+    s.symbol(python, "shop.cart.total");
+    s.import(app, "shop.cart", "total");
+    s.import(lonely, "lib.shop.cart", "total");
+    const auto call = s.ref(app, "total");
+    const auto lonely_call = s.ref(lonely, "total");
+
+    const DerivedData derived = derive_index_data(s.data);
+    EXPECT_EQ(s.targets(derived, call), "shop.cart.total");
+    EXPECT_NE(s.targets(derived, lonely_call), "Shop.Cart.total");
+}
+
 TEST(Resolution, FitsTheDefinitionToHowTheNameIsUsed) {
     Snapshot s;
     const auto models = s.file("models.py", Language::python, "models");
