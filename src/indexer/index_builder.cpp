@@ -302,9 +302,10 @@ private:
         std::error_code error;
         had_index_ = fs::exists(db_path_, error);
         build_aside_ = options_.rebuild || !had_index_;
-        if (build_aside_ && fs::is_directory(db_path_, error)) throw storage::IndexFileError(db_path_, "is a directory");
+        if (fs::is_directory(db_path_, error)) throw storage::IndexPathIsDirectory(db_path_);
         work_path_ = build_aside_ ? storage::unpublished_index_path(db_path_) : db_path_;
-        if (build_aside_) storage::remove_abandoned_builds(db_path_);
+        // Builds left by runs that died (killed, power lost) go whatever this run does.
+        storage::remove_abandoned_builds(db_path_);
         db_ = storage::open_index(work_path_, {.read_only = false, .rebuild = build_aside_, .unpublished = build_aside_});
         discard_on_exit_ = build_aside_;
     }

@@ -177,6 +177,10 @@ IndexFileError::IndexFileError(const std::filesystem::path& path, const std::str
     : std::runtime_error("index file " + path.string() + ": " + problem +
                          "; run `kestrix index --rebuild` to start a new index") {}
 
+IndexPathIsDirectory::IndexPathIsDirectory(const std::filesystem::path& path)
+    : std::runtime_error("index file " + path.string() +
+                         ": is a directory; give --db the path of a file (the index is one file)") {}
+
 // ---- Database ----
 
 Database::Database(const std::filesystem::path& path, int flags) : path_(path) {
@@ -435,7 +439,7 @@ Database open_index(const std::filesystem::path& path, const IndexOpenOptions& o
     } else if (!std::filesystem::exists(path, error)) {
         throw IndexFileError(path, "no index here yet");
     }
-    if (std::filesystem::is_directory(path, error)) throw IndexFileError(path, "is a directory");
+    if (std::filesystem::is_directory(path, error)) throw IndexPathIsDirectory(path);
 
     // A connection belongs to one thread at a time: SQLite's own locking is not needed.
     const int flags = SQLITE_OPEN_NOMUTEX |

@@ -248,6 +248,31 @@ TEST_F(IndexRobustness, ATrackedDirectoryReplacedByALinkOutOfTheRootIsNotIndexed
     EXPECT_EQ(query("SELECT name FROM symbols ORDER BY name"), "a");
 }
 
+// An index path that is a directory: --rebuild could not help, so the message says what to do.
+// Builds left beside the index by dead runs are removed by the next run of any kind.
+TEST_F(IndexRobustness, IndexPathProblemsNameTheirWayOut) {
+    write("a.py", "def a\n");
+    index();
+    const fs::path stale = fs::path(db_.string() + ".building-2147483646");
+    std::ofstream(stale) << "left by a killed run";
+    index();
+    EXPECT_FALSE(fs::exists(stale));
+
+    IndexOptions options = line_options();
+    options.db = base_ / "a_directory";
+    fs::create_directories(*options.db);
+    for (const bool rebuild : {false, true}) {
+        options.rebuild = rebuild;
+        try {
+            IndexBuilder(options).run();
+            ADD_FAILURE() << "a directory accepted as the index";
+        } catch (const std::exception& e) {
+            EXPECT_NE(std::string(e.what()).find("give --db the path of a file"), std::string::npos) << e.what();
+            EXPECT_EQ(std::string(e.what()).find("--rebuild"), std::string::npos) << e.what();
+        }
+    }
+}
+
 TEST_F(IndexRobustness, CountsAnUnreadableFile) {
     if (geteuid() == 0) GTEST_SKIP() << "root reads files whatever their mode";
     write("good.py", "def good\n");
