@@ -15,6 +15,8 @@
 #include <set>
 #include <utility>
 
+#include "orvane_kestrix/indexer/ignore_rules.hpp"
+
 namespace orvane_kestrix::indexer {
 
 namespace fs = std::filesystem;
@@ -147,6 +149,7 @@ public:
         struct stat st {};
         if (stat(root_.c_str(), &st) != 0) return;
         visited_.insert({st.st_dev, st.st_ino});
+        ignore_.load("", (root_ / ".git" / "info" / "exclude").string());
         walk_tree("");
         // Links to directories are entered after every real directory, so that a directory
         // reachable both ways is listed under its real path.
@@ -187,11 +190,13 @@ private:
                 result_.skipped.push_back({dir, "unreadable_dir"});
                 continue;
             }
+            ignore_.load(dir, ((dir.empty() ? root_ : root_ / dir) / ".gitignore").string());
             for (; it != fs::directory_iterator(); it.increment(error)) {
                 const std::string name = it->path().filename().string();
                 const std::string rel = dir.empty() ? name : dir + "/" + name;
                 struct stat st {};
                 if (lstat(it->path().c_str(), &st) != 0) continue;
+                if (ignore_.ignored(rel, is_directory_or_link_to_one(it->path(), st))) continue;
                 if (S_ISDIR(st.st_mode)) {
                     if (is_skipped_directory_name(name)) continue;
                     if (!visited_.insert({st.st_dev, st.st_ino}).second) continue;
@@ -213,9 +218,16 @@ private:
         }
     }
 
+    static bool is_directory_or_link_to_one(const fs::path& path, const struct stat& st) {
+        if (S_ISDIR(st.st_mode)) return true;
+        struct stat target {};
+        return S_ISLNK(st.st_mode) && stat(path.c_str(), &target) == 0 && S_ISDIR(target.st_mode);
+    }
+
     fs::path root_;
     std::string real_root_;
     WalkResult& result_;
+    IgnoreRules ignore_;
     std::set<DirKey> visited_;
     std::vector<std::string> linked_dirs_;
 };

@@ -4,19 +4,19 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <functional>
 #include <iostream>
 #include <memory>
-#include <optional>
-#include <stdexcept>
+#include <set>
+#include <string>
+#include <vector>
 
 #include <fmt/format.h>
 
 #include "command.hpp"
-#include "orvane_kestrix/indexer/index_builder.hpp"
-#include "orvane_kestrix/storage/sqlite_repository.hpp"
-#include "orvane_kestrix/storage/sqlite_schema.hpp"
+#include "orvane_kestrix/service/workspace.hpp"
+#include "service_failure.hpp"
 #include "orvane_kestrix/workers/context_builder/constants.hpp"
-#include "orvane_kestrix/workers/context_builder/context_builder.hpp"
 
 namespace orvane_kestrix::app {
 
@@ -40,68 +40,53 @@ struct ContextArguments {
     bool pretty = false;
 };
 
-// Whether `db` holds a completed index; a file left by an interrupted first run has no
-// completion time and is indexed again (the builder resumes where it stopped).
-bool index_complete(const fs::path& db) {
-    std::error_code error;
-    if (!fs::exists(db, error)) return false;
-    storage::Database database = storage::open_index(db, {.read_only = true});
-    return storage::read_meta(database, storage::meta_key::indexed_at).has_value();
+void print_indexing_start(const fs::path& repo, const fs::path& db) {
+    std::cerr << "kestrix: indexing " << repo.string() << " into " << db.string() << '\n';
 }
 
-void build_index(const fs::path& repo, const fs::path& db) {
-    std::cerr << "kestrix: indexing " << repo.string() << " into " << db.string() << '\n';
-    indexer::IndexOptions options;
-    options.repo = repo;
-    options.db = db;
-    const bool tty = isatty(STDERR_FILENO) != 0;
-    if (tty) {
-        options.on_progress = [](const indexer::IndexProgress& progress) {
-            if (progress.total == 0) return;
-            std::cerr << fmt::format("\r{} {}/{}\033[K", progress.phase, progress.done, progress.total) << std::flush;
-        };
-    }
-    const indexer::IndexStats stats = indexer::IndexBuilder(options).run();
-    if (tty) std::cerr << "\r\033[K";
-    std::cerr << "kestrix: " << stats.summary() << '\n';
+// The request the arguments describe; the repository root for snippets comes from the service.
+PackRequest pack_request(const ContextArguments& arguments) {
+    PackRequest request;
+    request.task = arguments.task;
+    request.token_budget = arguments.budget;
+    if (arguments.has_component) request.component_filter = arguments.component;
+    request.include_snippets = arguments.snippets;
+    if (!arguments.prefer_kinds.empty()) request.prefer_kinds = arguments.prefer_kinds;
+    request.source_only = !arguments.all_files;
+    request.wide_match = arguments.wide;
+    if (!arguments.deep.empty()) request.deep_fqns = std::set<std::string>(arguments.deep.begin(), arguments.deep.end());
+    return request;
 }
 
 int run_context(const ContextArguments& arguments) {
-    std::error_code error;
-    if (!fs::is_directory(arguments.repo, error)) {
-        std::cerr << "kestrix context: " << arguments.repo << ": not a directory\n";
-        return 2;
-    }
-    const fs::path repo = arguments.repo;
-    const fs::path db = arguments.db.empty() ? indexer::default_index_path(repo) : fs::path(arguments.db);
-    install_stderr_log_sink(false);
     try {
-        if (!index_complete(db)) build_index(repo, db);
-        SqliteRepository repository(db);
-        ContextBuilder builder(repository, nullptr, {.list_tests = arguments.list_tests});
-
-        PackRequest request;
-        request.task = arguments.task;
-        request.token_budget = arguments.budget;
-        if (arguments.has_component) request.component_filter = arguments.component;
-        request.include_snippets = arguments.snippets;
-        if (arguments.snippets) request.repo_root = repo;
-        if (!arguments.prefer_kinds.empty()) request.prefer_kinds = arguments.prefer_kinds;
-        request.source_only = !arguments.all_files;
-        request.wide_match = arguments.wide;
-        if (!arguments.deep.empty()) request.deep_fqns = std::set<std::string>(arguments.deep.begin(), arguments.deep.end());
-
-        const ContextPack pack = builder.build_context_pack(request);
+        service::WorkspaceOptions options;
+        options.repo = arguments.repo;
+        if (!arguments.db.empty()) options.db = fs::path(arguments.db);
+        options.list_tests = arguments.list_tests;
+        service::Workspace workspace(options);
+        install_stderr_log_sink(false);
+        if (!workspace.has_complete_index()) {
+            print_indexing_start(workspace.repo(), workspace.index_path());
+            const bool tty = isatty(STDERR_FILENO) != 0;
+            std::function<void(const indexer::IndexProgress&)> on_progress;
+            if (tty) {
+                on_progress = [](const indexer::IndexProgress& progress) {
+                    if (progress.total == 0) return;
+                    std::cerr << fmt::format("\r{} {}/{}\033[K", progress.phase, progress.done, progress.total)
+                              << std::flush;
+                };
+            }
+            const indexer::IndexStats stats = workspace.refresh(on_progress);
+            if (tty) std::cerr << "\r\033[K";
+            std::cerr << "kestrix: " << stats.summary() << '\n';
+        }
+        const ContextPack pack = workspace.pack(pack_request(arguments));
         std::cout << pack.to_dict().dump(arguments.pretty ? 2 : -1, ' ', false, nlohmann::json::error_handler_t::replace)
                   << '\n';
         return 0;
-    } catch (const std::invalid_argument& e) {
-        // The builder's own error: an unknown component, reported as it is worded.
-        std::cerr << e.what() << '\n';
-        return 1;
     } catch (const std::exception& e) {
-        std::cerr << "kestrix context: " << one_line(e.what()) << '\n';
-        return 1;
+        return report_failure("kestrix context", e);
     }
 }
 
