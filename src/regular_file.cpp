@@ -1,5 +1,7 @@
 #include "orvane_kestrix/regular_file.hpp"
 
+#include "orvane_kestrix/beneath_root.hpp"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,11 +30,16 @@ private:
 
 }  // namespace
 
-FileReadResult read_regular_file(const std::filesystem::path& path, std::string& bytes, std::uint64_t max_size) {
+namespace {
+
+// Reads the file open at `descriptor` (-1 with errno set when the open failed), closing it.
+FileReadResult read_opened(int descriptor, std::string& bytes, std::uint64_t max_size) {
     FileReadResult result;
-    const FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    const FileDescriptor fd(descriptor);
     if (fd.get() < 0) {
-        result.status = errno == ENOENT || errno == ENOTDIR ? FileReadStatus::missing : FileReadStatus::unreadable;
+        result.status = errno == ENOENT || errno == ENOTDIR ? FileReadStatus::missing
+                        : errno == EXDEV                    ? FileReadStatus::outside_root
+                                                            : FileReadStatus::unreadable;
         return result;
     }
     struct stat info {};
@@ -68,6 +75,17 @@ FileReadResult read_regular_file(const std::filesystem::path& path, std::string&
     bytes.resize(filled);
     result.status = filled > max_size ? FileReadStatus::too_large : FileReadStatus::ok;
     return result;
+}
+
+}  // namespace
+
+FileReadResult read_regular_file(const std::filesystem::path& path, std::string& bytes, std::uint64_t max_size) {
+    return read_opened(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY), bytes, max_size);
+}
+
+FileReadResult read_regular_file(const RootDirectory& root, std::string_view relative, std::string& bytes,
+                                 std::uint64_t max_size) {
+    return read_opened(root.open_file(relative), bytes, max_size);
 }
 
 }  // namespace orvane_kestrix

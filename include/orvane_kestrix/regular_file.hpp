@@ -6,10 +6,14 @@
 #include <filesystem>
 #include <limits>
 #include <string>
+#include <string_view>
 
 namespace orvane_kestrix {
 
-enum class FileReadStatus { ok, missing, unreadable, too_large, special };
+class RootDirectory;
+
+// outside_root: the path leads out of the root it was to be read beneath.
+enum class FileReadStatus { ok, missing, unreadable, too_large, special, outside_root };
 
 struct FileReadResult {
     FileReadStatus status = FileReadStatus::unreadable;
@@ -20,6 +24,10 @@ struct FileReadResult {
 // Reads the file at `path` into `bytes`. A file larger than `max_size`, also one that grows
 // past it while it is read, is `too_large`; `bytes` is then unspecified.
 FileReadResult read_regular_file(const std::filesystem::path& path, std::string& bytes,
+                                 std::uint64_t max_size = std::numeric_limits<std::uint64_t>::max());
+
+// The same for `relative` opened beneath `root` (beneath_root.hpp).
+FileReadResult read_regular_file(const RootDirectory& root, std::string_view relative, std::string& bytes,
                                  std::uint64_t max_size = std::numeric_limits<std::uint64_t>::max());
 
 }  // namespace orvane_kestrix

@@ -26,6 +26,12 @@ using namespace detail;
 
 namespace {
 
+// Definitions nested in more scopes than this, or whose qualified name would be longer, are
+// dropped with everything inside them: each qualified name repeats its parents', so without a
+// bound deep nesting costs the square of its depth in time, memory and index size.
+constexpr std::size_t kMaxScopeDepth = 100;
+constexpr std::size_t kMaxQualifiedNameBytes = 2048;
+
 // The text as the index reads files (text::source_text), with NUL bytes as spaces, as some
 // grammars' scanners take them for the end of input. Returns false when the content can be
 // used as it is.
@@ -116,6 +122,7 @@ public:
 
     void run(TSNode root) {
         collect(root);
+        if (stop_requested(ctx_.options)) return;
         rules_.prepare(ctx_, captures_.defs);
         ctx_.module_name = rules_.module_name(ctx_);
         ctx_.out.module_name = ctx_.module_name;
@@ -175,6 +182,9 @@ private:
         // `parent` the innermost scope (what qualifies the name).
         container_.assign(defs_.size(), std::nullopt);
         std::vector<bool> dropped(defs_.size(), false);
+        // Scopes around each definition and an upper bound of its qualified name's length.
+        std::vector<std::size_t> depth(defs_.size(), 0);
+        std::vector<std::size_t> qualified_bytes(defs_.size(), 0);
         std::vector<std::size_t> stack;
         for (std::size_t i = 0; i < defs_.size(); ++i) {
             RawDef& d = defs_[i];
@@ -193,7 +203,12 @@ private:
                     break;
                 }
             }
+            depth[i] = parent ? depth[*parent] + 1 : 0;
+            qualified_bytes[i] = (parent ? qualified_bytes[*parent] : ctx_.module_name.size()) + d.scope.size() +
+                                 d.name.size() + 4;
             if (parent && dropped[*parent]) {
+                dropped[i] = true;
+            } else if (depth[i] > kMaxScopeDepth || qualified_bytes[i] > kMaxQualifiedNameBytes) {
                 dropped[i] = true;
             } else if (parent && !rules_.keep_nested(d, defs_[*parent])) {
                 dropped[i] = true;
@@ -413,15 +428,18 @@ private:
 // grammar on random bytes), so parsing stops after a number of reports that grows with the file
 // (deterministic), or, as a backstop when recovery makes each operation slow, after a time that
 // grows with it too.
+// A stop request ends the parse too.
 struct ParseBudget {
     std::uint64_t reports = 0;
     std::uint64_t limit = 0;
     std::chrono::steady_clock::time_point deadline;
+    const std::atomic<bool>* cancel = nullptr;
 };
 
 bool over_budget(TSParseState* state) {
     auto* budget = static_cast<ParseBudget*>(state->payload);
     if (++budget->reports > budget->limit) return true;
+    if (budget->cancel && budget->cancel->load(std::memory_order_relaxed)) return true;
     return (budget->reports & 63) == 0 && std::chrono::steady_clock::now() > budget->deadline;
 }
 
@@ -435,8 +453,9 @@ const char* read_text(void* payload, std::uint32_t byte, TSPoint, std::uint32_t*
     return text->data() + byte;
 }
 
-TSTree* parse_with_budget(TSParser* parser, std::string_view text) {
+TSTree* parse_with_budget(TSParser* parser, std::string_view text, const std::atomic<bool>* cancel) {
     ParseBudget budget;
+    budget.cancel = cancel;
     budget.limit = 5000 + text.size() / 4;
     budget.deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10) +
                       std::chrono::milliseconds(text.size() / 50000 * 1000);
@@ -486,9 +505,13 @@ FileExtraction Extractor::extract(Language language, std::string_view path, std:
         out.has_syntax_errors = true;
         return out;
     }
-    TSTree* tree = parse_with_budget(impl_->parser, text);
+    TSTree* tree = parse_with_budget(impl_->parser, text, impl_->options.cancel);
     if (tree == nullptr) {
         ts_parser_reset(impl_->parser);
+        if (stop_requested(impl_->options)) {
+            out.cancelled = true;
+            return out;
+        }
         out.module_name = rules_for(language).module_name(
             Context{language, path, text, LineIndex(std::string_view{}), impl_->options, out, {}, {}, false, {}, false});
         out.has_syntax_errors = true;
@@ -507,6 +530,7 @@ FileExtraction Extractor::extract(Language language, std::string_view path, std:
     Context ctx{language, path, text, lines, impl_->options, out, {}, {}, false, {}, false};
     Engine engine(ctx, rules_for(language));
     engine.run(root);
+    if (stop_requested(impl_->options)) out.cancelled = true;
     return out;
 }
 

@@ -159,6 +159,10 @@ struct Captures {
     std::vector<std::uint32_t> not_uses;  // start bytes of names that are no uses
 };
 
+inline bool stop_requested(const ExtractorOptions& options) {
+    return options.cancel != nullptr && options.cancel->load(std::memory_order_relaxed);
+}
+
 struct Context {
     Language language;
     std::string_view path;

@@ -21,6 +21,7 @@
 #include "orvane_kestrix/indexer/file_walker.hpp"
 #include "orvane_kestrix/indexer/index_store.hpp"
 #include "orvane_kestrix/indexer/resolution.hpp"
+#include "orvane_kestrix/beneath_root.hpp"
 #include "orvane_kestrix/regular_file.hpp"
 #include "orvane_kestrix/storage/sqlite_schema.hpp"
 #include "orvane_kestrix/text/unicode.hpp"
@@ -76,6 +77,8 @@ const char* reason_of(FileReadStatus status) {
             return "too_large";
         case FileReadStatus::special:
             return "special_file";
+        case FileReadStatus::outside_root:
+            return "outside_root";
         case FileReadStatus::ok:
             break;
     }
@@ -145,20 +148,22 @@ private:
     bool closed_ = false;
 };
 
-ExtractFunction tree_sitter_extractor() {
-    auto extractor = std::make_shared<Extractor>();
+// The extractor stops inside a file when `cancel` is set.
+ExtractFunction tree_sitter_extractor(const std::atomic<bool>* cancel) {
+    auto extractor = std::make_shared<Extractor>(ExtractorOptions{.cancel = cancel});
     return [extractor](Language language, std::string_view path, std::string_view content) {
         return extractor->extract(language, path, content);
     };
 }
 
 // Reads, checks and parses one file on a worker thread.
-WorkResult process(const fs::path& root, const Candidate& candidate, std::size_t index, std::uint64_t max_size,
+WorkResult process(const RootDirectory& root, const Candidate& candidate, std::size_t index, std::uint64_t max_size,
                    std::int64_t run_start_ns, bool force_parse, ExtractFunction& extract) {
     WorkResult result;
     result.candidate = index;
     std::string bytes;
-    const FileReadResult read = read_regular_file(root / candidate.facts.path, bytes, max_size);
+    // Opened beneath the root: a link swapped in since the listing cannot lead outside.
+    const FileReadResult read = read_regular_file(root, candidate.facts.path, bytes, max_size);
     if (read.status != FileReadStatus::ok) {
         result.reason = reason_of(read.status);
         return result;
@@ -219,7 +224,7 @@ WorkResult process(const fs::path& root, const Candidate& candidate, std::size_t
 }
 
 // Package roots named by go.mod and Cargo.toml, as text for the change check and as records.
-std::vector<PackageRoot> read_package_roots(const fs::path& root, const std::vector<std::string>& paths) {
+std::vector<PackageRoot> read_package_roots(const RootDirectory& root, const std::vector<std::string>& paths) {
     std::vector<PackageRoot> roots;
     for (const auto& path : paths) {
         if (!path.ends_with("go.mod") && !path.ends_with("Cargo.toml")) continue;
@@ -227,7 +232,7 @@ std::vector<PackageRoot> read_package_roots(const fs::path& root, const std::vec
         const std::string_view name = slash == std::string::npos ? std::string_view(path) : std::string_view(path).substr(slash + 1);
         if (name != "go.mod" && name != "Cargo.toml") continue;
         std::string text;
-        if (read_regular_file(root / path, text).status != FileReadStatus::ok) continue;
+        if (read_regular_file(root, path, text).status != FileReadStatus::ok) continue;
         if (auto package = package_root_from_manifest(path, text)) roots.push_back(std::move(*package));
     }
     return roots;
@@ -298,9 +303,10 @@ private:
         std::error_code error;
         had_index_ = fs::exists(db_path_, error);
         build_aside_ = options_.rebuild || !had_index_;
-        if (build_aside_ && fs::is_directory(db_path_, error)) throw storage::IndexFileError(db_path_, "is a directory");
+        if (fs::is_directory(db_path_, error)) throw storage::IndexPathIsDirectory(db_path_);
         work_path_ = build_aside_ ? storage::unpublished_index_path(db_path_) : db_path_;
-        if (build_aside_) storage::remove_abandoned_builds(db_path_);
+        // Builds left by runs that died (killed, power lost) go whatever this run does.
+        storage::remove_abandoned_builds(db_path_);
         db_ = storage::open_index(work_path_, {.read_only = false, .rebuild = build_aside_, .unpublished = build_aside_});
         discard_on_exit_ = build_aside_;
     }
@@ -329,7 +335,7 @@ private:
         walk_ = list_repository_files(root_, walk_options);
         for (const auto& skipped : walk_.skipped) ++stats_.skipped[skipped.reason];
         components_.emplace(walk_.files);
-        packages_ = read_package_roots(root_, walk_.files);
+        packages_ = read_package_roots(root_directory_, walk_.files);
         package_text_ = describe_packages(packages_);
         lap("scan");
     }
@@ -440,12 +446,13 @@ private:
     // cancelled or the writer stops taking results.
     void parse_files(ResultQueue& queue, std::atomic<std::size_t>& next) {
         try {
-            ExtractFunction extract = options_.make_extractor ? options_.make_extractor() : tree_sitter_extractor();
+            ExtractFunction extract =
+                options_.make_extractor ? options_.make_extractor() : tree_sitter_extractor(options_.cancel);
             for (;;) {
                 const std::size_t slot = next.fetch_add(1);
                 if (slot >= to_read_.size() || cancelled()) break;
                 const std::size_t index = to_read_[slot];
-                WorkResult result = process(root_, candidates_[index], index, options_.max_file_size, run_start_ns_,
+                WorkResult result = process(root_directory_, candidates_[index], index, options_.max_file_size, run_start_ns_,
                                             reparse_all_, extract);
                 if (!queue.push(std::move(result))) break;
             }
@@ -578,6 +585,7 @@ private:
     const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
     const std::int64_t run_start_ns_ = now_ns();
     const fs::path root_;
+    const RootDirectory root_directory_{root_};  // every file is read beneath it
     const fs::path db_path_;
     IndexStats stats_;
     std::chrono::steady_clock::time_point lap_start_ = started_;

@@ -32,11 +32,19 @@ void TreeWalker::walk(TSNode root) {
             ts_tree_cursor_delete(&cursor);
         }
     } release{cursor, children_cursor_};
-    for (;;) {
+    std::size_t depth = 0;
+    for (std::uint64_t visited = 1;; ++visited) {
+        // A stop request ends the walk; checked every few thousand nodes (well under a
+        // millisecond apart).
+        if (visited % 4096 == 0 && stop_requested(ctx_.options)) return;
         visit(ts_tree_cursor_current_node(&cursor));
-        if (ts_tree_cursor_goto_first_child(&cursor)) continue;
+        if (depth < kMaxTreeDepth && ts_tree_cursor_goto_first_child(&cursor)) {
+            ++depth;
+            continue;
+        }
         while (!ts_tree_cursor_goto_next_sibling(&cursor)) {
             if (!ts_tree_cursor_goto_parent(&cursor)) return;
+            --depth;
         }
     }
 }

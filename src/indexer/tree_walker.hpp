@@ -3,6 +3,7 @@
 // with helpers that record what the walk finds (definitions, references, scope frames). One
 // cursor walk costs a fraction of what a tree-sitter query's traversal over the same tree does.
 
+#include <cstddef>
 #include <string_view>
 #include <vector>
 
@@ -15,6 +16,11 @@ namespace orvane_kestrix::indexer::detail {
 // Grammar ids by name. A name the grammar lacks is a walker bug (std::logic_error).
 TSSymbol grammar_symbol(const TSLanguage* language, std::string_view type, bool named = true);
 TSFieldId grammar_field(const TSLanguage* language, std::string_view field);
+
+// Nodes deeper than this are not visited. Walking is linear in the tree's size, but what the
+// rules do for each definition (finding a node's parent, qualifying its name) grows with its
+// depth; no hand-written code nests this deep, generated or hostile input may.
+inline constexpr std::size_t kMaxTreeDepth = 1000;
 
 class TreeWalker {
 public:

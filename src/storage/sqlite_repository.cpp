@@ -212,6 +212,13 @@ std::vector<FileRecord> SqliteRepository::get_files_by_component(std::int64_t co
 
 SymbolSearchResult SqliteRepository::search_symbols(const std::string& pattern, std::int64_t limit, bool source_only) {
     const NamePatternPlan plan = plan_name_pattern(pattern);
+    SymbolSearchResult result;
+    // SQLite refuses a LIKE pattern beyond its length limit; no name in an index is that long
+    // (the indexer drops longer qualified names), so such a pattern matches nothing.
+    if (plan.route != NamePatternRoute::exact &&
+        pattern.size() > static_cast<std::size_t>(sqlite3_limit(db_.handle(), SQLITE_LIMIT_LIKE_PATTERN_LENGTH, -1))) {
+        return result;
+    }
     Statement* q = nullptr;
     switch (plan.route) {
         case NamePatternRoute::exact: q = &statements_->search_exact; break;
@@ -229,7 +236,6 @@ SymbolSearchResult SqliteRepository::search_symbols(const std::string& pattern, 
     }
     // A negative limit is none (SQLite reads LIMIT -1 so too).
     q->bind(5, limit < 0 ? std::int64_t{-1} : limit);
-    SymbolSearchResult result;
     while (q->step()) result.symbols.push_back(read_symbol(*q));
     return result;
 }

@@ -7,8 +7,10 @@
 #include <unistd.h>
 
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <charconv>
+#include <optional>
 #include <system_error>
 
 namespace orvane_kestrix::storage {
@@ -174,6 +176,10 @@ bool SqliteError::is_corruption() const {
 IndexFileError::IndexFileError(const std::filesystem::path& path, const std::string& problem)
     : std::runtime_error("index file " + path.string() + ": " + problem +
                          "; run `kestrix index --rebuild` to start a new index") {}
+
+IndexPathIsDirectory::IndexPathIsDirectory(const std::filesystem::path& path)
+    : std::runtime_error("index file " + path.string() +
+                         ": is a directory; give --db the path of a file (the index is one file)") {}
 
 // ---- Database ----
 
@@ -400,6 +406,29 @@ void migrate(Database& db, std::int64_t from_version) {
     transaction.commit();
 }
 
+// Errors of a reader that cannot write the files SQLite keeps beside a database.
+bool cannot_write_beside(const SqliteError& e) {
+    const int primary = e.code() & 0xff;
+    return primary == SQLITE_READONLY || primary == SQLITE_CANTOPEN || primary == SQLITE_IOERR ||
+           primary == SQLITE_FULL;
+}
+
+// The URI that opens `path` as an immutable database (no locks, no shared memory).
+std::string immutable_uri(const std::filesystem::path& path) {
+    const std::string absolute = std::filesystem::absolute(path).string();
+    std::string uri = "file:";
+    for (const char c : absolute) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (std::isalnum(byte) || c == '/' || c == '-' || c == '.' || c == '_' || c == '~') {
+            uri.push_back(c);
+        } else {
+            constexpr char kHex[] = "0123456789ABCDEF";
+            uri += {'%', kHex[byte >> 4], kHex[byte & 15]};
+        }
+    }
+    return uri + "?immutable=1";
+}
+
 }  // namespace
 
 Database open_index(const std::filesystem::path& path, const IndexOpenOptions& options) {
@@ -410,19 +439,31 @@ Database open_index(const std::filesystem::path& path, const IndexOpenOptions& o
     } else if (!std::filesystem::exists(path, error)) {
         throw IndexFileError(path, "no index here yet");
     }
-    if (std::filesystem::is_directory(path, error)) throw IndexFileError(path, "is a directory");
+    if (std::filesystem::is_directory(path, error)) throw IndexPathIsDirectory(path);
 
     // A connection belongs to one thread at a time: SQLite's own locking is not needed.
     const int flags = SQLITE_OPEN_NOMUTEX |
                       (options.read_only ? SQLITE_OPEN_READONLY : (SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE));
-    Database db(path, flags);
+    std::optional<Database> opened;
     FileState state;
     try {
-        state = read_state(db);
+        try {
+            opened.emplace(path, flags);
+            state = read_state(*opened);
+        } catch (const SqliteError& e) {
+            if (!options.read_only || !cannot_write_beside(e)) throw;
+            // A reader that may not create the shared-memory file beside the index (a read-only
+            // directory or medium, a full disk) reads the file as it is: nothing can be
+            // writing it there.
+            opened.reset();
+            opened.emplace(immutable_uri(path), flags | SQLITE_OPEN_URI);
+            state = read_state(*opened);
+        }
     } catch (const SqliteError& e) {
         if (e.is_corruption()) throw IndexFileError(path, "not a readable SQLite database (" + std::string(e.what()) + ")");
         throw;
     }
+    Database db = std::move(*opened);
 
     const bool empty = state.application_id == 0 && state.tables == 0;
     if (!empty && state.application_id != kIndexApplicationId) {

@@ -5,6 +5,7 @@
 
 #include <stdlib.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -240,6 +241,100 @@ TEST_F(ContextCommandTest, NoRetrieverGivesTheKeywordPacks) {
         ++compared;
     }
     EXPECT_EQ(compared, 48);
+}
+
+// Numbers outside their documented bounds are refused by name before anything runs.
+TEST_F(ContextCommandTest, NumbersOutOfBoundsNameTheirOption) {
+    const struct {
+        std::vector<std::string> arguments;
+        const char* option;
+    } cases[] = {
+        {{"context", "x", "--budget", "9223372036854775807"}, "--budget"},
+        {{"context", "x", "--budget", "99999999999999999999"}, "--budget"},
+        {{"context", "x", "--budget", "-5"}, "--budget"},
+        {{"index", "--max-file-size", "-1"}, "--max-file-size"},
+        {{"index", "--max-file-size", "0"}, "--max-file-size"},
+        {{"index", "--jobs", "100000"}, "--jobs"},
+    };
+    for (const auto& c : cases) {
+        std::vector<std::string> arguments = c.arguments;
+        arguments.insert(arguments.end(), {"--repo", repo().string()});
+        const ToolRun run = kestrix(arguments);
+        EXPECT_NE(run.status, 0) << c.arguments[2];
+        EXPECT_NE(run.err.find(c.option), std::string::npos) << run.err;
+    }
+    EXPECT_EQ(context("Fix total_price", {"--budget", "1000000"}).status, 0);
+}
+
+// A word longer than SQLite's LIKE pattern limit matches nothing instead of failing the pack.
+TEST_F(ContextCommandTest, OverlongWordInAWideSearchMatchesNothing) {
+    std::string word;
+    for (int i = 0; i < 25001; ++i) word += "to";
+    const ToolRun run = context("Fix total_price " + word, {"--wide"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.json().at("symbols").at(0).at("name"), "total_price");
+}
+
+TEST_F(ContextCommandTest, ReplayReadsABoundedInputAndNamesBadNumbers) {
+    const ToolRun endless = kestrix({"replay", "/dev/zero"});
+    EXPECT_EQ(endless.status, 2);
+    EXPECT_NE(endless.err.find("MiB"), std::string::npos) << endless.err;
+
+    std::ofstream(*dir_ / "huge_number.json") << R"({"request": {"task": "t", "token_budget": 1e400}})";
+    const ToolRun huge = kestrix({"replay", (*dir_ / "huge_number.json").string()});
+    EXPECT_EQ(huge.status, 2);
+    EXPECT_NE(huge.err.find("request.token_budget"), std::string::npos) << huge.err;
+}
+
+// A fixture's snippets come from its own source tree: a root climbing out of it is refused,
+// and a file path climbing out gives no snippet.
+TEST_F(ContextCommandTest, ReplaySnippetsStayInsideTheSourceTree) {
+    std::ofstream(*dir_ / "climb_root.json") << R"({"source_files": {"a.py": "x\n"},
+        "symbols": [{"id": 1, "name": "root", "file_id": 1, "start_line": 1, "end_line": 3}],
+        "files": [{"id": 1, "path": "passwd"}],
+        "request": {"task": "root", "include_snippets": true, "repo_root": "../../../../../../../../etc"}})";
+    const ToolRun climb_root = kestrix({"replay", (*dir_ / "climb_root.json").string()});
+    EXPECT_EQ(climb_root.status, 2);
+    EXPECT_NE(climb_root.err.find("request.repo_root"), std::string::npos) << climb_root.err;
+
+    std::ofstream(*dir_ / "climb_file.json") << R"({"source_files": {"a.py": "x\n"},
+        "symbols": [{"id": 1, "name": "root", "file_id": 1, "start_line": 1, "end_line": 3}],
+        "files": [{"id": 1, "path": "../../../../../../../../etc/passwd"}],
+        "request": {"task": "root", "include_snippets": true, "repo_root": "."}})";
+    const ToolRun climb_file = kestrix({"replay", (*dir_ / "climb_file.json").string()});
+    ASSERT_EQ(climb_file.status, 0) << climb_file.err;
+    EXPECT_EQ(climb_file.out.find("root:"), std::string::npos);
+    EXPECT_FALSE(climb_file.json().at("pack").at("symbols").at(0).contains("snippet"));
+}
+
+// Reading never writes: an intact index in a directory that may not be written still packs.
+// The super-user, whom permissions do not bind, gets a read-only mount instead where allowed.
+TEST_F(ContextCommandTest, PacksFromAnIndexInAReadOnlyDirectory) {
+    const fs::path source = *dir_ / "index_copy";
+    const fs::path locked = *dir_ / "locked";
+    fs::create_directories(source);
+    fs::create_directories(locked);
+    fs::copy_file(repo() / ".kestrix" / "index.db", source / "index.db", fs::copy_options::overwrite_existing);
+    const bool super_user = ::geteuid() == 0;
+    if (super_user) {
+        const std::string mount = "mount --bind " + quoted(source.string()) + " " + quoted(locked.string()) +
+                                  " 2>/dev/null && mount -o remount,bind,ro " + quoted(locked.string()) + " 2>/dev/null";
+        if (std::system(mount.c_str()) != 0) {
+            std::system(("umount " + quoted(locked.string()) + " 2>/dev/null").c_str());
+            GTEST_SKIP() << "no read-only mount, and permissions do not bind the super-user";
+        }
+    } else {
+        fs::copy_file(source / "index.db", locked / "index.db");
+        fs::permissions(locked, fs::perms::owner_read | fs::perms::owner_exec);
+    }
+    const ToolRun run = context("Fix total_price", {"--db", (locked / "index.db").string()});
+    if (super_user) {
+        EXPECT_EQ(std::system(("umount " + quoted(locked.string())).c_str()), 0);
+    } else {
+        fs::permissions(locked, fs::perms::owner_all);
+    }
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.json().at("symbols").at(0).at("name"), "total_price");
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 // current output; review the diff.
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -719,4 +720,21 @@ TEST(ExtractionRobustness, RandomBytesInEveryGrammar) {
             expect_well_formed(x);
         }
     }
+}
+
+// A stop request ends an extraction inside the file, in the parser and in the walk alike, and
+// marks the result incomplete; a run that is not stopped extracts everything.
+TEST(ExtractionStop, AStopRequestLeavesTheExtractionMarkedIncomplete) {
+    std::string source;
+    for (int i = 0; i < 2000; ++i) source += "function f" + std::to_string(i) + "(a) { return f(a - 1); }\n";
+    std::atomic<bool> stop{true};
+    Extractor stopped({.docstring_limit = 4000, .cancel = &stop});
+    const FileExtraction cut = stopped.extract(Language::javascript, "big.js", source);
+    EXPECT_TRUE(cut.cancelled);
+    EXPECT_LT(cut.symbols.size(), 2000u);
+
+    stop = false;
+    const FileExtraction whole = stopped.extract(Language::javascript, "big.js", source);
+    EXPECT_FALSE(whole.cancelled);
+    EXPECT_EQ(whole.symbols.size(), 2000u);
 }

@@ -113,6 +113,21 @@ protected:
         return options;
     }
 
+    // Options of a run on one parser thread that calls `change` before each file is parsed:
+    // files are taken in path order, so a change made while a.py is parsed meets z.py unread.
+    IndexOptions options_changing_the_tree(std::function<void()> change) {
+        IndexOptions options = line_options();
+        options.jobs = 1;
+        options.make_extractor = [change] {
+            ExtractFunction parse = line_parser(nullptr);
+            return [parse, change](Language language, std::string_view path, std::string_view content) {
+                change();
+                return parse(language, path, content);
+            };
+        };
+        return options;
+    }
+
     IndexStats index(SeenTexts* seen = nullptr, std::uint64_t max_size = 2 * 1024 * 1024) {
         IndexOptions options = line_options(seen);
         options.max_file_size = max_size;
@@ -186,23 +201,76 @@ TEST_F(IndexRobustness, ReplacesInvalidUtf8AndNormalisesLineEndsBeforeParsing) {
 TEST_F(IndexRobustness, CountsAFileDeletedDuringTheRun) {
     write("a.py", "def a\n");
     write("z.py", "def z\n");
-    IndexOptions options;
-    options.repo = root_;
-    options.db = db_;
-    options.jobs = 1;  // files are taken in path order: a.py is parsed before z.py is read
-    options.use_git = false;
     const fs::path doomed = root_ / "z.py";
-    options.make_extractor = [doomed] {
-        ExtractFunction parse = line_parser(nullptr);
-        return [parse, doomed](Language language, std::string_view path, std::string_view content) {
-            std::error_code error;
-            fs::remove(doomed, error);
-            return parse(language, path, content);
-        };
-    };
-    const IndexStats stats = IndexBuilder(options).run();
+    const IndexStats stats = IndexBuilder(options_changing_the_tree([doomed] {
+                                 std::error_code error;
+                                 fs::remove(doomed, error);
+                             })).run();
     EXPECT_EQ(stats.skipped, (std::map<std::string, std::int64_t>{{"missing", 1}}));
     EXPECT_EQ(query("SELECT path FROM files"), "a.py");
+}
+
+// Files are opened beneath the root: a link out of it is refused when the file is read, even
+// one swapped in after the tree was listed.
+TEST_F(IndexRobustness, AFileSwappedForALinkOutOfTheRootIsNotRead) {
+    write("a.py", "def a\n");
+    write("z.py", "def z\n");
+    fs::create_directories(base_ / "outside");
+    std::ofstream(base_ / "outside" / "secret.py") << "def secret\n";
+    const fs::path swapped = root_ / "z.py";
+    const fs::path target = base_ / "outside" / "secret.py";
+    const IndexStats stats = IndexBuilder(options_changing_the_tree([swapped, target] {
+                                 if (!fs::is_regular_file(fs::symlink_status(swapped))) return;
+                                 std::error_code error;
+                                 fs::remove(swapped, error);
+                                 fs::create_symlink(target, swapped, error);
+                             })).run();
+    EXPECT_EQ(stats.skipped, (std::map<std::string, std::int64_t>{{"outside_root", 1}}));
+    EXPECT_EQ(query("SELECT name FROM symbols"), "a");
+}
+
+// In a git work tree, a tracked directory replaced by a link to a directory elsewhere (not
+// staged) still lists its files; none of them is read.
+TEST_F(IndexRobustness, ATrackedDirectoryReplacedByALinkOutOfTheRootIsNotIndexed) {
+    write("a.py", "def a\n");
+    write("pkg/b.py", "def b\n");
+    const std::string git = "git -C '" + root_.string() + "' ";
+    if (std::system((git + "init -q 2>/dev/null").c_str()) != 0) GTEST_SKIP() << "git is not available";
+    ASSERT_EQ(std::system((git + "add -A && " + git +
+                           "-c user.name=t -c user.email=t@t commit -qm init >/dev/null").c_str()), 0);
+    fs::create_directories(base_ / "elsewhere");
+    std::ofstream(base_ / "elsewhere" / "b.py") << "def leaked\n";
+    fs::remove_all(root_ / "pkg");
+    fs::create_directory_symlink(base_ / "elsewhere", root_ / "pkg");
+    IndexOptions options = line_options();
+    options.use_git = true;
+    IndexBuilder(options).run();
+    EXPECT_EQ(query("SELECT name FROM symbols ORDER BY name"), "a");
+}
+
+// An index path that is a directory: --rebuild could not help, so the message says what to do.
+// Builds left beside the index by dead runs are removed by the next run of any kind.
+TEST_F(IndexRobustness, IndexPathProblemsNameTheirWayOut) {
+    write("a.py", "def a\n");
+    index();
+    const fs::path stale = fs::path(db_.string() + ".building-2147483646");
+    std::ofstream(stale) << "left by a killed run";
+    index();
+    EXPECT_FALSE(fs::exists(stale));
+
+    IndexOptions options = line_options();
+    options.db = base_ / "a_directory";
+    fs::create_directories(*options.db);
+    for (const bool rebuild : {false, true}) {
+        options.rebuild = rebuild;
+        try {
+            IndexBuilder(options).run();
+            ADD_FAILURE() << "a directory accepted as the index";
+        } catch (const std::exception& e) {
+            EXPECT_NE(std::string(e.what()).find("give --db the path of a file"), std::string::npos) << e.what();
+            EXPECT_EQ(std::string(e.what()).find("--rebuild"), std::string::npos) << e.what();
+        }
+    }
 }
 
 TEST_F(IndexRobustness, CountsAnUnreadableFile) {

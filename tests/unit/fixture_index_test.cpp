@@ -207,6 +207,25 @@ TEST(FixtureIndexTest, CallLogRendersEachOperationsArgument) {
     EXPECT_EQ(index.log.calls(), expected) << index.log.calls().dump(2);
 }
 
+// A number beyond a double's range stops the JSON parser itself; the error still names the key.
+TEST(FixtureShapeTest, NumbersTooLargeForADoubleNameTheirKey) {
+    const std::pair<const char*, const char*> cases[] = {
+        {R"({"request": {"task": "t", "token_budget": 1e400}})", "request.token_budget"},
+        {R"({"symbols": [{"name": "a"}, {"token_count": -1e400}], "request": {"task": "t"}})", "symbols[1].token_count"},
+        {R"({"covering_tests": [{"test": "t", "reaches": {"a.py": 1e999}}], "request": {"task": "t"}})",
+         "covering_tests[0].reaches.a.py"},
+        {R"([[1, 2, 1e400]])", "[0][2]"},
+    };
+    for (const auto& [json, key] : cases) {
+        try {
+            parse_fixture_text(json);
+            ADD_FAILURE() << "accepted: " << json;
+        } catch (const FixtureError& e) {
+            EXPECT_THAT(e.what(), ::testing::HasSubstr(std::string(key) + ": number out of range")) << json;
+        }
+    }
+}
+
 TEST(FixtureShapeTest, DefaultsFillEveryOptionalKey) {
     Fixture f = parse_fixture(Json::parse(R"({"symbols": [{"name": "n", "start_line": 4}], "request": {"task": "t"}})"));
     const Symbol& s = f.symbols.at(0);
@@ -245,6 +264,14 @@ TEST(FixtureShapeTest, MalformedFixturesAreRejectedNamingTheKey) {
          "references.f[0].caller_symbol.kind"},
         {R"({"fail": {"retrieve": 3}, "request": {"task": "t"}})", "fail.retrieve"},
         {R"([1, 2])", "fixture"},
+        // Numbers out of their documented range.
+        {R"({"symbols": [{"token_count": -9223372036854775808}], "request": {"task": "t"}})", "symbols[0].token_count"},
+        {R"({"symbols": [{"start_line": 18446744073709551615}], "request": {"task": "t"}})", "symbols[0].start_line"},
+        {R"({"request": {"task": "t", "token_budget": 9223372036854775807}})", "request.token_budget"},
+        {R"({"request": {"task": "t", "token_budget": -1}})", "request.token_budget"},
+        {R"({"fan_in": {"1": -3}, "request": {"task": "t"}})", "fan_in.1"},
+        {R"({"builder": {"indexing": {"progress": 101}}, "request": {"task": "t"}})", "builder.indexing.progress"},
+        {R"({"request": {"task": "t", "repo_root": "a/../../etc"}})", "request.repo_root"},
     };
     for (const auto& c : cases) {
         try {

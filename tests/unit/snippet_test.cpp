@@ -9,6 +9,7 @@
 #include <fstream>
 #include <string>
 
+#include "orvane_kestrix/beneath_root.hpp"
 #include "orvane_kestrix/workers/context_builder/context_builder.hpp"
 
 namespace fs = std::filesystem;
@@ -143,6 +144,46 @@ TEST_F(SnippetTest, UsedUpCapDoesNotTouchTheFile) {
     EXPECT_EQ(ContextBuilder::_extract_snippet(path, 1, 1, 499, 50, 500).second, 1);
     EXPECT_TRUE(opened(watch));
     ::close(watch);
+}
+
+}  // namespace
+
+namespace {
+
+// Opened beneath a root, a snippet never comes from outside it, whatever the path or the links
+// along it say; links that stay inside are followed.
+TEST_F(SnippetTest, ReadsBeneathTheRootOnly) {
+    const fs::path root = dir_ / "repo";
+    const fs::path outside = dir_ / "outside";
+    fs::create_directories(root / "pkg");
+    fs::create_directories(outside);
+    std::ofstream(outside / "secret.py") << "secret\n";
+    std::ofstream(root / "pkg" / "inside.py") << "inside\n";
+    fs::create_directory_symlink(outside, root / "linked_dir");
+    fs::create_symlink(outside / "secret.py", root / "linked_file.py");
+    fs::create_symlink("pkg/inside.py", root / "alias.py");
+    fs::create_directory_symlink("pkg", root / "alias_dir");
+
+    const orvane_kestrix::RootDirectory beneath(root);
+    ASSERT_TRUE(beneath.is_open());
+    const struct {
+        const char* path;
+        std::optional<std::string> text;
+    } cases[] = {
+        {"pkg/inside.py", "inside"},
+        {"alias.py", "inside"},
+        {"alias_dir/inside.py", "inside"},
+        {"linked_dir/secret.py", std::nullopt},
+        {"linked_file.py", std::nullopt},
+        {"../outside/secret.py", std::nullopt},
+        {"pkg/../../outside/secret.py", std::nullopt},
+        {"/etc/passwd", std::nullopt},
+        {(outside / "secret.py").c_str(), std::nullopt},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path);
+        EXPECT_EQ(ContextBuilder::_extract_snippet(c.path, 1, 5, 0, 50, 500, &beneath).first, c.text);
+    }
 }
 
 }  // namespace

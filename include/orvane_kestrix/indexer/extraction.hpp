@@ -2,6 +2,7 @@
 // What the parser takes out of one source file: its definitions, the names it uses and the
 // modules it imports. The index builder resolves uses to definitions across files.
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -71,10 +72,15 @@ struct FileExtraction {
     // The parser gave up: it exceeded its work budget on pathological input (which some
     // grammars' error recovery meets on garbage). Nothing was extracted.
     bool parse_abandoned = false;
+    // A stop was requested while the file was parsed or walked: the result is incomplete and
+    // must not be stored.
+    bool cancelled = false;
 };
 
 struct ExtractorOptions {
     std::size_t docstring_limit = 4000;  // bytes; longer docstrings are cut and flagged
+    // Set when the run should stop; a file being extracted then stops within milliseconds.
+    const std::atomic<bool>* cancel = nullptr;
 };
 
 // Module names (the prefix of fqns) by language: Python, the path without ".py" with "/" as

@@ -138,6 +138,13 @@ public:
     IndexFileError(const std::filesystem::path& path, const std::string& problem);
 };
 
+// The index path names a directory, which --rebuild cannot replace: the message says to give
+// a file path instead.
+class IndexPathIsDirectory : public std::runtime_error {
+public:
+    explicit IndexPathIsDirectory(const std::filesystem::path& path);
+};
+
 class Statement;
 
 // An open SQLite connection. Movable, not copyable; closes on destruction.

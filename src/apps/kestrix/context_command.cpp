@@ -16,6 +16,7 @@
 #include "command.hpp"
 #include "orvane_kestrix/service/workspace.hpp"
 #include "service_failure.hpp"
+#include "orvane_kestrix/workers/context_builder/constants.hpp"
 
 namespace orvane_kestrix::app {
 
@@ -97,9 +98,9 @@ const CommandRegistrar registrar([](CLI::App& app, int& exit_code) {
     command->add_option("TASK", arguments->task, "the coding task, in plain words")->required();
     command->add_option("--repo", arguments->repo, "the repository's root directory")->capture_default_str();
     command->add_option("--db", arguments->db, "the index file (default: REPO/.kestrix/index.db)");
-    command->add_option("--budget", arguments->budget, "the tokens the pack should spend")
+    command->add_option("--budget", arguments->budget, "the tokens the pack should spend (0 to 1000000)")
         ->capture_default_str()
-        ->check(CLI::NonNegativeNumber);
+        ->check(CLI::Range(std::int64_t{0}, MAX_TOKEN_BUDGET));
     command->add_option("--component", arguments->component, "keep to the files of this component");
     command->add_flag("--snippets", arguments->snippets, "give the packed symbols code snippets");
     command->add_option("--prefer-kinds", arguments->prefer_kinds, "symbol kinds to favour, comma-separated")

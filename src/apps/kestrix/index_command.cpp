@@ -21,6 +21,10 @@ namespace {
 
 std::atomic<bool> interrupted{false};
 
+// The largest --max-file-size: files are read whole into memory, and no source file worth
+// parsing is larger.
+constexpr std::uint64_t kMaxFileSizeLimit = std::uint64_t{1} << 30;
+
 void on_interrupt(int) { interrupted.store(true); }
 
 struct IndexArguments {
@@ -129,9 +133,12 @@ const CommandRegistrar registrar([](CLI::App& app, int& exit_code) {
     command->add_option("--repo", arguments->repo, "the repository's root directory")->capture_default_str();
     command->add_option("--db", arguments->db, "the index file (default: REPO/.kestrix/index.db)");
     command->add_flag("--rebuild", arguments->rebuild, "index from scratch, then replace the index file");
-    command->add_option("--jobs", arguments->jobs, "parser threads (default: one per core)")->check(CLI::NonNegativeNumber);
-    command->add_option("--max-file-size", arguments->max_file_size, "skip files larger than this many bytes")
-        ->capture_default_str();
+    command->add_option("--jobs", arguments->jobs, "parser threads (default: one per core; at most 256)")
+        ->check(CLI::Range(0u, 256u));
+    command->add_option("--max-file-size", arguments->max_file_size,
+                        "skip files larger than this many bytes (1 to 1073741824)")
+        ->capture_default_str()
+        ->check(CLI::Range(std::uint64_t{1}, kMaxFileSizeLimit));
     command->add_flag("--timings", arguments->timings, "print the seconds of each phase on standard error");
     command->add_flag("--no-retriever", arguments->no_retriever,
                       "leave the retriever's tables as they are (for comparing index times)");

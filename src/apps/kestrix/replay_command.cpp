@@ -2,7 +2,6 @@
 
 #include <fstream>
 #include <iostream>
-#include <sstream>
 
 #include "command.hpp"
 #include "orvane_kestrix/fixture/replay.hpp"
@@ -11,31 +10,40 @@ namespace orvane_kestrix::app {
 
 namespace {
 
+// Reads all of `in` unless it holds more than kMaxFixtureBytes (an endless device among them).
+bool read_capped(std::istream& in, std::string& text) {
+    char buffer[65536];
+    while (in.read(buffer, sizeof buffer) || in.gcount() > 0) {
+        if (text.size() + static_cast<std::size_t>(in.gcount()) > kMaxFixtureBytes) return false;
+        text.append(buffer, static_cast<std::size_t>(in.gcount()));
+    }
+    return true;
+}
+
 int run_replay(const std::string& file) {
     std::string text;
-    if (file == "-") {
-        std::ostringstream buffer;
-        buffer << std::cin.rdbuf();
-        text = buffer.str();
-    } else {
-        std::ifstream in(file, std::ios::binary);
-        if (!in) {
+    std::ifstream opened;
+    if (file != "-") {
+        opened.open(file, std::ios::binary);
+        if (!opened) {
             std::cerr << "kestrix replay: cannot read " << file << '\n';
             return 2;
         }
-        std::ostringstream buffer;
-        buffer << in.rdbuf();
-        if (in.bad()) {
-            std::cerr << "kestrix replay: cannot read " << file << '\n';
-            return 2;
-        }
-        text = buffer.str();
+    }
+    std::istream& in = file == "-" ? std::cin : opened;
+    if (!read_capped(in, text)) {
+        std::cerr << "kestrix replay: " << file << ": larger than " << (kMaxFixtureBytes >> 20)
+                  << " MiB, the most a fixture may hold\n";
+        return 2;
+    }
+    if (in.bad()) {
+        std::cerr << "kestrix replay: cannot read " << file << '\n';
+        return 2;
     }
     nlohmann::ordered_json result;
     try {
-        auto document = nlohmann::ordered_json::parse(text);
-        result = replay_fixture(parse_fixture(document));
-    } catch (const nlohmann::json::parse_error& e) {
+        result = replay_fixture(parse_fixture_text(text));
+    } catch (const nlohmann::json::exception& e) {
         std::cerr << "kestrix replay: " << file << ": not JSON: " << one_line(e.what()) << '\n';
         return 2;
     } catch (const FixtureError& e) {

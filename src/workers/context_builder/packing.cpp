@@ -4,7 +4,7 @@
 #include <cmath>
 #include <unordered_set>
 
-#include "orvane_kestrix/paths.hpp"
+#include "orvane_kestrix/beneath_root.hpp"
 #include "orvane_kestrix/workers/context_builder/constants.hpp"
 #include "orvane_kestrix/workers/context_builder/context_builder.hpp"
 #include "orvane_kestrix/workers/context_builder/token_estimate.hpp"
@@ -54,14 +54,10 @@ ContextPack ContextBuilder::_build_pack(const std::vector<RankedSymbol>& ranked_
     const std::int64_t total_cap =
         std::min(ABS_MAX_TOTAL_SNIPPET_LINES, std::max(MAX_TOTAL_SNIPPET_LINES, floor_div(max_tokens, 5)));
 
-    // The root with its links resolved, so that a link inside the repository that leads out of
-    // it is not followed.
-    std::optional<std::filesystem::path> canonical_root;
-    if (include_snippets && repo_root) {
-        std::error_code error;
-        auto resolved = std::filesystem::weakly_canonical(*repo_root, error);
-        if (!error) canonical_root = std::move(resolved);
-    }
+    // The root, opened once: each snippet is looked up from it, so that no path (a link inside
+    // the repository, "..", a link swapped in since indexing) leads a read out of it.
+    std::optional<RootDirectory> root;
+    if (include_snippets && repo_root) root.emplace(*repo_root);
 
     for (const auto& item : ranked) {
         const Symbol& symbol = item.symbol;
@@ -71,15 +67,9 @@ ContextPack ContextBuilder::_build_pack(const std::vector<RankedSymbol>& ranked_
         if (include_snippets && non_empty(item.file_path) && repo_root) {
             const std::int64_t per_symbol_max =
                 (deep_fqns && deep_fqns->count(symbol.fqn)) ? deep_max_lines : MAX_SNIPPET_LINES_PER_SYMBOL;
-            // Nothing outside the repository is read: no absolute or climbing path, no link out.
-            const std::filesystem::path file = *repo_root / *item.file_path;
-            // (With the pack's line cap used up the read is refused before any file access.)
-            const bool inside = is_contained_relative(*item.file_path) && canonical_root &&
-                                (total_snippet_lines >= total_cap || resolves_inside(*canonical_root, file));
-            if (inside) {
-                std::tie(snippet, snippet_lines) = _extract_snippet(file, symbol.start_line, symbol.end_line,
-                                                                    total_snippet_lines, per_symbol_max, total_cap);
-            }
+            std::tie(snippet, snippet_lines) =
+                _extract_snippet(*item.file_path, symbol.start_line, symbol.end_line, total_snippet_lines,
+                                 per_symbol_max, total_cap, &*root);
         }
 
         std::int64_t token_cost = symbol.token_count();

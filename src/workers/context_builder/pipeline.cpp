@@ -1,7 +1,9 @@
 // The pack pipeline: task in, context pack out.
 
+#include <algorithm>
 #include <cmath>
 
+#include "orvane_kestrix/workers/context_builder/constants.hpp"
 #include "orvane_kestrix/workers/context_builder/context_builder.hpp"
 #include "orvane_kestrix/workers/context_builder/keywords.hpp"
 
@@ -47,7 +49,9 @@ ContextPack ContextBuilder::build_context_pack(const PackRequest& request) {
                       std::make_move_iterator(keyword_ranked.end()));
     }
 
-    const auto max_tokens = static_cast<std::int64_t>(std::trunc(static_cast<double>(request.token_budget) * 1.05));
+    // A budget beyond the largest allowed one packs as that one (the product stays an integer).
+    const std::int64_t budget = std::clamp(request.token_budget, -MAX_TOKEN_BUDGET, MAX_TOKEN_BUDGET);
+    const auto max_tokens = static_cast<std::int64_t>(std::trunc(static_cast<double>(budget) * 1.05));
     ContextPack pack = _build_pack(ranked, max_tokens, request.include_snippets, request.repo_root, request.deep_fqns);
 
     pack.notes.insert(pack.notes.begin(), notes.begin(), notes.end());

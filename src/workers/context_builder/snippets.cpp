@@ -5,9 +5,9 @@
 #include <limits>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <vector>
 
+#include "orvane_kestrix/beneath_root.hpp"
 #include "orvane_kestrix/regular_file.hpp"
 #include "orvane_kestrix/text/unicode.hpp"
 #include "orvane_kestrix/workers/context_builder/context_builder.hpp"
@@ -15,6 +15,10 @@
 namespace orvane_kestrix {
 
 namespace {
+
+// Files larger than this get no snippet: the whole file is read for a head of at most a few
+// hundred lines, and nothing the indexer keeps comes from a file this large.
+constexpr std::uint64_t kMaxSnippetFileBytes = 256ull << 20;
 
 // a - b, saturated to the range of int64 (the caps are plain integers to the caller).
 std::int64_t saturating_difference(std::int64_t a, std::int64_t b) {
@@ -29,15 +33,18 @@ std::int64_t saturating_difference(std::int64_t a, std::int64_t b) {
 
 std::pair<std::optional<std::string>, std::int64_t> ContextBuilder::_extract_snippet(
     const std::filesystem::path& file_path, std::int64_t start_line, std::int64_t end_line,
-    std::int64_t total_lines_so_far, std::int64_t max_lines, std::int64_t total_cap) {
+    std::int64_t total_lines_so_far, std::int64_t max_lines, std::int64_t total_cap,
+    const RootDirectory* beneath) {
     // The pack's cap is used up: do not touch the file at all.
     const std::int64_t remaining_lines = saturating_difference(total_cap, total_lines_so_far);
     if (remaining_lines <= 0) return {std::nullopt, 0};
 
-    std::error_code error;
-    if (!std::filesystem::exists(file_path, error) || error) return {std::nullopt, 0};
+    // A missing file, a directory, anything but a regular file, a path out of the root: no
+    // snippet. Without a root the path is read as it is.
     std::string raw;
-    if (read_regular_file(file_path, raw).status != FileReadStatus::ok) return {std::nullopt, 0};
+    const FileReadResult read = beneath ? read_regular_file(*beneath, file_path.native(), raw, kMaxSnippetFileBytes)
+                                        : read_regular_file(file_path, raw, kMaxSnippetFileBytes);
+    if (read.status != FileReadStatus::ok) return {std::nullopt, 0};
     const std::string content = text::source_text(raw);
 
     // Line starts; a line runs up to and including its LF, the last one may have none.

@@ -22,6 +22,8 @@
 
 namespace orvane_kestrix {
 
+class RootDirectory;
+
 // Per-builder options, given by name: ContextBuilder(repo, retriever, {.list_tests = true}).
 struct ContextBuilderOptions {
     bool list_tests = false;
@@ -93,9 +95,11 @@ public:
                             const std::optional<std::filesystem::path>& repo_root = std::nullopt,
                             const std::optional<std::set<std::string>>& deep_fqns = std::nullopt,
                             std::int64_t deep_max_lines = 200);
+    // With `beneath`, `file_path` is relative to that root and a path that leaves it is refused.
     static std::pair<std::optional<std::string>, std::int64_t> _extract_snippet(
         const std::filesystem::path& file_path, std::int64_t start_line, std::int64_t end_line,
-        std::int64_t total_lines_so_far, std::int64_t max_lines = 50, std::int64_t total_cap = 500);
+        std::int64_t total_lines_so_far, std::int64_t max_lines = 50, std::int64_t total_cap = 500,
+        const RootDirectory* beneath = nullptr);
     std::vector<std::string> _tested_sources(const std::vector<RankedSymbol>& ranked);
     static std::vector<std::pair<TestRow, std::int64_t>> _test_rows(const std::vector<std::string>& sources,
                                                                     CoveringTests& tests);
