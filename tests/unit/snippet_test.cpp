@@ -167,7 +167,7 @@ TEST_F(SnippetTest, ReadsBeneathTheRootOnly) {
     const orvane_kestrix::RootDirectory beneath(root);
     ASSERT_TRUE(beneath.is_open());
     const struct {
-        const char* path;
+        std::string path;
         std::optional<std::string> text;
     } cases[] = {
         {"pkg/inside.py", "inside"},
@@ -178,7 +178,7 @@ TEST_F(SnippetTest, ReadsBeneathTheRootOnly) {
         {"../outside/secret.py", std::nullopt},
         {"pkg/../../outside/secret.py", std::nullopt},
         {"/etc/passwd", std::nullopt},
-        {(outside / "secret.py").c_str(), std::nullopt},
+        {(outside / "secret.py").string(), std::nullopt},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.path);
