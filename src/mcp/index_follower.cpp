@@ -172,10 +172,12 @@ void IndexFollower::refresh_once() {
 }
 
 void IndexFollower::run() {
-    refresh_once();
-    if (stopping_.load()) return;
+    // Watch before the first refresh: a file edited while that refresh runs (after it was read)
+    // then still wakes the loop below, instead of waiting for the periodic check.
     Watch watch(workspace_.repo(), workspace_.index_path());
     if (!watch.complete()) log("not every directory can be watched; checking for changes every few seconds instead");
+    refresh_once();
+    if (stopping_.load()) return;
     const int interval = milliseconds(watch.complete() ? options_.check_interval : options_.fallback_interval);
     std::array<pollfd, 2> fds{};
     fds[0] = {wake_fd_, POLLIN, 0};
