@@ -7,7 +7,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
-#include <deque>
+#include <map>
 #include <mutex>
 #include <thread>
 #include <unordered_set>
@@ -23,6 +23,7 @@
 #include "orvane_kestrix/indexer/resolution.hpp"
 #include "orvane_kestrix/beneath_root.hpp"
 #include "orvane_kestrix/regular_file.hpp"
+#include "orvane_kestrix/storage/index_writer_lock.hpp"
 #include "orvane_kestrix/storage/sqlite_schema.hpp"
 #include "orvane_kestrix/text/unicode.hpp"
 #include "orvane_kestrix/workers/context_builder/pack.hpp"
@@ -100,50 +101,59 @@ struct WorkResult {
     ParsedFile parsed;
 };
 
-// Results travel from the parser threads to the writer through a bounded queue, so memory
-// stays flat however fast the parsers are.
-class ResultQueue {
+// Results travel from the parser threads to the writer in the order their files were handed
+// out, whatever order the parsers finish them in, so that the index gets the same ids from any
+// number of threads. At most `window` results wait ahead of the next one to write: memory stays
+// flat however fast the parsers are, and the parser of the next one is never held up.
+class OrderedResults {
 public:
-    ResultQueue(std::size_t capacity, std::size_t producers) : capacity_(capacity), producers_(producers) {}
+    OrderedResults(std::size_t window, std::size_t producers) : window_(window), producers_(producers) {}
 
-    bool push(WorkResult&& result) {
+    bool push(std::size_t slot, WorkResult&& result) {
         std::unique_lock lock(mutex_);
-        not_full_.wait(lock, [&] { return closed_ || queue_.size() < capacity_; });
+        room_.wait(lock, [&] { return closed_ || slot < next_ + window_; });
         if (closed_) return false;
-        queue_.push_back(std::move(result));
-        not_empty_.notify_one();
+        waiting_.emplace(slot, std::move(result));
+        if (slot == next_) next_ready_.notify_one();
         return true;
     }
 
+    // The result of the next slot; nothing once the producers are gone without it (they
+    // stopped early) or the queue was closed.
     std::optional<WorkResult> pop() {
         std::unique_lock lock(mutex_);
-        not_empty_.wait(lock, [&] { return !queue_.empty() || producers_ == 0; });
-        if (queue_.empty()) return std::nullopt;
-        WorkResult result = std::move(queue_.front());
-        queue_.pop_front();
-        not_full_.notify_one();
+        next_ready_.wait(lock, [&] { return closed_ || waiting_.count(next_) > 0 || producers_ == 0; });
+        const auto it = waiting_.find(next_);
+        if (closed_ || it == waiting_.end()) return std::nullopt;
+        WorkResult result = std::move(it->second);
+        waiting_.erase(it);
+        ++next_;
+        room_.notify_all();
         return result;
     }
 
     void producer_done() {
         std::lock_guard lock(mutex_);
         --producers_;
-        not_empty_.notify_all();
+        next_ready_.notify_all();
     }
 
+    // Wakes and stops everyone: the writer stopped taking results, or a parser failed.
     void close() {
         std::lock_guard lock(mutex_);
         closed_ = true;
-        queue_.clear();
-        not_full_.notify_all();
+        waiting_.clear();
+        room_.notify_all();
+        next_ready_.notify_all();
     }
 
 private:
     std::mutex mutex_;
-    std::condition_variable not_empty_;
-    std::condition_variable not_full_;
-    std::deque<WorkResult> queue_;
-    std::size_t capacity_;
+    std::condition_variable next_ready_;
+    std::condition_variable room_;
+    std::map<std::size_t, WorkResult> waiting_;
+    std::size_t next_ = 0;
+    std::size_t window_;
     std::size_t producers_;
     bool closed_ = false;
 };
@@ -266,9 +276,20 @@ public:
     IndexRun& operator=(const IndexRun&) = delete;
 
     IndexStats execute() {
+        std::error_code error;
+        if (fs::is_directory(db_path_, error)) throw storage::IndexPathIsDirectory(db_path_);
+        if (!take_writer_lock()) {
+            stats_.cancelled = true;
+            return stats_;
+        }
         open_database();
         try {
             prepare_writing();
+            // An index in place changes in one transaction: a reader sees it as it was before
+            // this run or as it is after, never a part (one built aside is seen only once
+            // published). A stopped refresh rolls back.
+            std::optional<Transaction> whole_run;
+            if (!build_aside_) whole_run.emplace(db_);
             list_files();
             read_index_state();
             select_candidates();
@@ -282,6 +303,11 @@ public:
                 lap("parse");
             }
             if (!stats_.cancelled && options_.refresh_extra_tables) refresh_extra_tables();
+            if (whole_run && !stats_.cancelled) {
+                whole_run->commit();
+                lap("commit");
+            }
+            whole_run.reset();
             stats_.files = store_->count_files();
             stats_.symbols = store_->count_symbols();
             stats_.references = store_->count_references();
@@ -296,6 +322,18 @@ public:
     }
 
 private:
+    // One writer at a time; false when the run was stopped while it waited.
+    bool take_writer_lock() {
+        if (!options_.wait_for_writer) {
+            writer_lock_.emplace(storage::IndexWriterLock::try_acquire(db_path_));
+            return true;
+        }
+        auto lock = storage::IndexWriterLock::acquire(db_path_, options_.on_lock_wait, options_.cancel);
+        if (!lock) return false;
+        writer_lock_.emplace(std::move(*lock));
+        return true;
+    }
+
     // A new index, or one rebuilt from scratch, is built aside without a journal and published
     // by a rename at the end: faster, and a rebuild that stops half way leaves the previous
     // index as it was.
@@ -303,12 +341,13 @@ private:
         std::error_code error;
         had_index_ = fs::exists(db_path_, error);
         build_aside_ = options_.rebuild || !had_index_;
-        if (fs::is_directory(db_path_, error)) throw storage::IndexPathIsDirectory(db_path_);
         work_path_ = build_aside_ ? storage::unpublished_index_path(db_path_) : db_path_;
         // Builds left by runs that died (killed, power lost) go whatever this run does.
         storage::remove_abandoned_builds(db_path_);
         db_ = storage::open_index(work_path_, {.read_only = false, .rebuild = build_aside_, .unpublished = build_aside_});
         discard_on_exit_ = build_aside_;
+        // An index that a first build left incomplete is still being built.
+        updating_ = build_aside_ || !storage::read_meta(db_, storage::meta_key::indexed_at).has_value();
     }
 
     void prepare_writing() {
@@ -353,7 +392,7 @@ private:
 
     bool is_index_file(const std::string& path) const {
         return db_inside_ && (path == db_rel_text_ || path.starts_with(db_rel_text_ + "-") ||
-                              path.starts_with(db_rel_text_ + ".building-"));
+                              path.starts_with(db_rel_text_ + ".building-") || path == db_rel_text_ + ".lock");
     }
 
     // The listed files of a supported language, with their facts under the current rules.
@@ -416,7 +455,7 @@ private:
         unsigned jobs = options_.jobs != 0 ? options_.jobs : std::max(1u, std::thread::hardware_concurrency());
         jobs = static_cast<unsigned>(std::min<std::size_t>(jobs, std::max<std::size_t>(1, to_read_.size())));
         const std::size_t parsers = to_read_.empty() ? 0 : jobs;
-        ResultQueue queue(64, parsers);
+        OrderedResults queue(64, parsers);
         std::atomic<std::size_t> next{0};
         WorkerThreads workers(
             parsers, [&](std::size_t) { parse_files(queue, next); }, [&] { queue.close(); });
@@ -443,20 +482,22 @@ private:
     }
 
     // One parser thread: takes the next file to read until none is left, the run is
-    // cancelled or the writer stops taking results.
-    void parse_files(ResultQueue& queue, std::atomic<std::size_t>& next) {
+    // cancelled or the writer stops taking results. A file taken is always handed on, so that
+    // the writer never waits for one that no parser has.
+    void parse_files(OrderedResults& queue, std::atomic<std::size_t>& next) {
         try {
             ExtractFunction extract =
                 options_.make_extractor ? options_.make_extractor() : tree_sitter_extractor(options_.cancel);
-            for (;;) {
+            while (!cancelled()) {
                 const std::size_t slot = next.fetch_add(1);
-                if (slot >= to_read_.size() || cancelled()) break;
+                if (slot >= to_read_.size()) break;
                 const std::size_t index = to_read_[slot];
                 WorkResult result = process(root_directory_, candidates_[index], index, options_.max_file_size, run_start_ns_,
                                             reparse_all_, extract);
-                if (!queue.push(std::move(result))) break;
+                if (!queue.push(slot, std::move(result))) break;
             }
         } catch (...) {
+            queue.close();
             queue.producer_done();
             throw;
         }
@@ -571,8 +612,12 @@ private:
 
     bool cancelled() const { return options_.cancel != nullptr && options_.cancel->load(); }
 
-    void progress(std::string_view phase, std::size_t done, std::size_t total) const {
-        if (options_.on_progress) options_.on_progress(IndexProgress{phase, done, total});
+    // Tells the caller, and readers through the lock file once the run changes the index.
+    void progress(std::string_view phase, std::size_t done, std::size_t total) {
+        if ((phase == "parsing" && total > 0) || phase == "resolving") updating_ = true;
+        const IndexProgress report{phase, done, total, updating_};
+        if (updating_) writer_lock_->publish_progress(report.percent());
+        if (options_.on_progress) options_.on_progress(report);
     }
 
     void lap(const char* phase) {
@@ -590,8 +635,12 @@ private:
     IndexStats stats_;
     std::chrono::steady_clock::time_point lap_start_ = started_;
 
+    // take_writer_lock; held until the run's last file operation is done
+    std::optional<storage::IndexWriterLock> writer_lock_;
+
     // open_database
     bool had_index_ = false;
+    bool updating_ = false;  // the run changes the index (IndexProgress::updating)
     bool build_aside_ = false;
     fs::path work_path_;
     bool discard_on_exit_ = false;  // the index built aside is removed unless published
@@ -645,6 +694,12 @@ std::string IndexStats::summary() const {
     return fmt::format("{}indexed {} files ({} parsed, {} unchanged, {} removed); skipped {} ({}); {} symbols, {} references; {:.2f} s",
                        cancelled ? "interrupted: " : "", files, parsed, unchanged, removed, skipped_total(), skipped_text,
                        symbols, references, seconds);
+}
+
+std::int64_t IndexProgress::percent() const {
+    if (phase == "parsing" && total > 0) return static_cast<std::int64_t>(90 * std::min(done, total) / total);
+    if (phase == "resolving") return total > 0 && done >= total ? 99 : 90;
+    return 0;
 }
 
 fs::path default_index_path(const fs::path& repo) { return repo / ".kestrix" / "index.db"; }

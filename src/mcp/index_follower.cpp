@@ -12,6 +12,7 @@
 
 #include "orvane_kestrix/indexer/file_walker.hpp"
 #include "orvane_kestrix/indexer/ignore_rules.hpp"
+#include "orvane_kestrix/service/errors.hpp"
 
 namespace orvane_kestrix::mcp {
 
@@ -162,13 +163,21 @@ void IndexFollower::log(const std::string& line) const {
     if (options_.log) options_.log(line);
 }
 
-void IndexFollower::refresh_once() {
+bool IndexFollower::refresh_once() {
     try {
-        const indexer::IndexStats stats = workspace_.refresh({}, &stopping_);
+        const indexer::IndexStats stats = workspace_.refresh({.cancel = &stopping_, .wait_for_writer = false});
         if (stats.parsed > 0 || stats.removed > 0) log(stats.summary());
+        busy_logged_ = false;
+    } catch (const service::IndexBusyError& e) {
+        // Another process is updating the index: its packs come from that run, and this one
+        // tries again shortly rather than queue behind it.
+        if (!busy_logged_) log(std::string(e.what()) + "; refreshing once it is done");
+        busy_logged_ = true;
+        return false;
     } catch (const std::exception& e) {
         log(std::string("index refresh failed: ") + e.what());
     }
+    return true;
 }
 
 void IndexFollower::run() {
@@ -176,7 +185,7 @@ void IndexFollower::run() {
     // then still wakes the loop below, instead of waiting for the periodic check.
     Watch watch(workspace_.repo(), workspace_.index_path());
     if (!watch.complete()) log("not every directory can be watched; checking for changes every few seconds instead");
-    refresh_once();
+    bool done = refresh_once();
     if (stopping_.load()) return;
     const int interval = milliseconds(watch.complete() ? options_.check_interval : options_.fallback_interval);
     std::array<pollfd, 2> fds{};
@@ -184,7 +193,7 @@ void IndexFollower::run() {
     fds[1] = {watch.fd(), POLLIN, 0};
     const nfds_t count = watch.fd() >= 0 ? 2 : 1;
     while (!stopping_.load()) {
-        const int ready = poll(fds.data(), count, interval);
+        const int ready = poll(fds.data(), count, done ? interval : milliseconds(options_.fallback_interval));
         if (stopping_.load()) break;
         if (ready < 0) {
             if (errno == EINTR) continue;
@@ -200,7 +209,7 @@ void IndexFollower::run() {
             }
             if (stopping_.load()) break;
         }
-        refresh_once();
+        done = refresh_once();
     }
 }
 

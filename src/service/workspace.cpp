@@ -9,6 +9,7 @@
 #include "orvane_kestrix/retrieval/retrieval_tables.hpp"
 #include "orvane_kestrix/service/errors.hpp"
 #include "orvane_kestrix/service/retriever_factory.hpp"
+#include "orvane_kestrix/storage/index_writer_lock.hpp"
 #include "orvane_kestrix/storage/sqlite_repository.hpp"
 #include "orvane_kestrix/storage/sqlite_schema.hpp"
 
@@ -41,6 +42,8 @@ auto translating_index_errors(Body&& body) -> decltype(body()) {
         throw;
     } catch (const storage::IndexFileError& e) {
         throw DamagedIndexError(e.what());
+    } catch (const storage::IndexBusyError& e) {
+        throw IndexBusyError(e.what());
     } catch (const storage::SqliteError& e) {
         if (e.is_corruption()) throw DamagedIndexError(e.what());
         throw IndexAccessError(e.what());
@@ -53,10 +56,16 @@ auto translating_index_errors(Body&& body) -> decltype(body()) {
 }
 
 // Holds a read transaction for the life of one pack, so every query of the pack reads the
-// same committed state of the index while a refresh commits batches beside it.
+// same committed state of the index while a refresh commits beside it.
 class ReadSnapshot {
 public:
-    explicit ReadSnapshot(storage::Database& db) : db_(db) { db_.exec("BEGIN"); }
+    explicit ReadSnapshot(storage::Database& db) : db_(db) {
+        db_.exec("BEGIN");
+        // The first read fixes the state the transaction sees; only then does the connection's
+        // data version tell whether that state is another than the last one it read.
+        db_.scalar_int("SELECT count(*) FROM meta");
+        data_version_ = db_.scalar_int("PRAGMA data_version");
+    }
     ~ReadSnapshot() {
         if (!open_) return;
         try {
@@ -67,6 +76,8 @@ public:
     }
     ReadSnapshot(const ReadSnapshot&) = delete;
     ReadSnapshot& operator=(const ReadSnapshot&) = delete;
+    // Changes whenever another connection has committed since this connection last read.
+    std::int64_t data_version() const { return data_version_; }
     void end() {
         open_ = false;
         db_.exec("COMMIT");
@@ -74,6 +85,7 @@ public:
 
 private:
     storage::Database& db_;
+    std::int64_t data_version_ = 0;
     bool open_ = true;
 };
 
@@ -82,17 +94,12 @@ private:
 struct Workspace::OpenIndex {
     FileIdentity identity;
     std::unique_ptr<SqliteRepository> repository;
+    // Made from the state of the index that `data_version` names: the retriever reads the
+    // index's file list once, so it is made again when a refresh changed the index.
+    std::optional<std::int64_t> data_version;
     std::unique_ptr<HybridRetriever> retriever;
     std::unique_ptr<ContextBuilder> builder;
 };
-
-std::int64_t progress_percent(const indexer::IndexProgress& progress) {
-    if (progress.phase == "parsing" && progress.total > 0) {
-        return static_cast<std::int64_t>(90 * std::min(progress.done, progress.total) / progress.total);
-    }
-    if (progress.phase == "resolving") return progress.total > 0 && progress.done >= progress.total ? 99 : 90;
-    return 0;
-}
 
 Workspace::Workspace(WorkspaceOptions options) : options_(std::move(options)) {
     std::error_code error;
@@ -111,23 +118,14 @@ bool Workspace::has_complete_index() const {
     });
 }
 
-indexer::IndexStats Workspace::refresh(const std::function<void(const indexer::IndexProgress&)>& on_progress,
-                                       const std::atomic<bool>* cancel) {
+indexer::IndexStats Workspace::refresh(const RefreshOptions& refresh) {
     std::lock_guard lock(refresh_mutex_);
-    // Packs report indexing in progress while the index is behind the files: from the start
-    // when it is not complete, else from the moment the refresh finds files to parse (a
-    // refresh that finds nothing changed leaves packs as they were).
-    bool behind = true;
-    try {
-        behind = !has_complete_index();
-    } catch (const ServiceError&) {
-        // Damaged: the run below reports it.
-    }
     progress_.store(0);
-    refreshing_.store(behind);
+    refreshing_.store(true);
     struct EndOfRefresh {
         Workspace& workspace;
         ~EndOfRefresh() {
+            workspace.updating_.store(false);
             workspace.refreshing_.store(false);
             workspace.progress_.store(100);
         }
@@ -137,11 +135,13 @@ indexer::IndexStats Workspace::refresh(const std::function<void(const indexer::I
     options.repo = options_.repo;
     options.db = index_path_;
     options.jobs = options_.index_jobs;
-    options.cancel = cancel;
+    options.cancel = refresh.cancel;
+    options.wait_for_writer = refresh.wait_for_writer;
+    options.on_lock_wait = refresh.on_wait;
     options.on_progress = [&](const indexer::IndexProgress& progress) {
-        progress_.store(progress_percent(progress));
-        if ((progress.phase == "parsing" && progress.total > 0) || progress.phase == "resolving") refreshing_.store(true);
-        if (on_progress) on_progress(progress);
+        progress_.store(progress.percent());
+        updating_.store(progress.updating);
+        if (refresh.on_progress) refresh.on_progress(progress);
     };
     // Every refresh keeps the retriever's tables too, whether this workspace ranks with them or not.
     options = retrieval::index_options_with_retrieval(std::move(options));
@@ -149,10 +149,9 @@ indexer::IndexStats Workspace::refresh(const std::function<void(const indexer::I
 }
 
 IndexingStatus Workspace::indexing_status() const {
-    IndexingStatus status;
-    status.in_progress = refreshing_.load();
-    status.progress = status.in_progress ? progress_.load() : 100;
-    return status;
+    if (updating_.load()) return {true, progress_.load()};
+    if (const auto writer = storage::current_writer(index_path_); writer && writer->progress) return {true, *writer->progress};
+    return {};
 }
 
 Workspace::OpenIndex* Workspace::current_index() {
@@ -166,11 +165,18 @@ Workspace::OpenIndex* Workspace::current_index() {
     auto index = std::make_unique<OpenIndex>();
     index->identity = *identity;
     index->repository = std::make_unique<SqliteRepository>(index_path_);
-    if (options_.use_retriever) index->retriever = make_retriever(*index->repository);
-    index->builder = std::make_unique<ContextBuilder>(*index->repository, index->retriever.get(),
-                                                      ContextBuilderOptions{.list_tests = options_.list_tests});
     open_ = std::move(index);
     return open_.get();
+}
+
+void Workspace::follow_state(OpenIndex& index, std::int64_t data_version) {
+    if (index.builder && index.data_version == data_version) return;
+    index.builder.reset();
+    index.retriever.reset();
+    if (options_.use_retriever) index.retriever = make_retriever(*index.repository);
+    index.builder = std::make_unique<ContextBuilder>(*index.repository, index.retriever.get(),
+                                                     ContextBuilderOptions{.list_tests = options_.list_tests});
+    index.data_version = data_version;
 }
 
 ContextPack Workspace::pack(PackRequest request) {
@@ -178,18 +184,24 @@ ContextPack Workspace::pack(PackRequest request) {
     std::lock_guard lock(pack_mutex_);
     try {
         return translating_index_errors([&] {
+            // Read before the snapshot is taken: a pack that says the index is up to date
+            // then never holds a state older than the last refresh that ended.
             const IndexingStatus status = indexing_status();
             OpenIndex* index = current_index();
             if (index == nullptr) {
-                if (!status.in_progress) throw storage::IndexFileError(index_path_, "no index here yet");
+                // No index file yet: a first build that is running here or elsewhere.
+                if (!status.in_progress && !refreshing_.load() && !storage::current_writer(index_path_)) {
+                    throw storage::IndexFileError(index_path_, "no index here yet");
+                }
                 ContextPack pack;
                 pack.notes.push_back("The index of this repository is still being built; ask again shortly");
                 pack.indexing_in_progress = true;
-                pack.progress = status.progress;
+                pack.progress = status.in_progress ? status.progress : 0;
                 return pack;
             }
-            index->builder->set_indexing_status(status.in_progress, status.progress);
             ReadSnapshot snapshot(index->repository->database());
+            follow_state(*index, snapshot.data_version());
+            index->builder->set_indexing_status(status.in_progress, status.progress);
             ContextPack pack = index->builder->build_context_pack(request);
             snapshot.end();
             return pack;

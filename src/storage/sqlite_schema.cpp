@@ -334,6 +334,8 @@ void Statement::reset() {
     sqlite3_clear_bindings(stmt_);
 }
 
+int Statement::column_count() const { return sqlite3_column_count(stmt_); }
+
 std::int64_t Statement::column_int64(int index) const { return sqlite3_column_int64(stmt_, index); }
 
 double Statement::column_double(int index) const { return sqlite3_column_double(stmt_, index); }
@@ -358,14 +360,18 @@ std::optional<std::int64_t> Statement::column_optional_int64(int index) const {
 
 // ---- Transaction ----
 
-Transaction::Transaction(Database& db) : db_(db) { db_.exec("BEGIN IMMEDIATE"); }
+Transaction::Transaction(Database& db) : db_(db), nested_(sqlite3_get_autocommit(db.handle()) == 0) {
+    db_.exec(nested_ ? "SAVEPOINT nested" : "BEGIN IMMEDIATE");
+}
 
 Transaction::~Transaction() {
-    if (open_) sqlite3_exec(db_.handle(), "ROLLBACK", nullptr, nullptr, nullptr);
+    if (open_) {
+        sqlite3_exec(db_.handle(), nested_ ? "ROLLBACK TO nested; RELEASE nested" : "ROLLBACK", nullptr, nullptr, nullptr);
+    }
 }
 
 void Transaction::commit() {
-    db_.exec("COMMIT");
+    db_.exec(nested_ ? "RELEASE nested" : "COMMIT");
     open_ = false;
 }
 

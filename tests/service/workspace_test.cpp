@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "orvane_kestrix/retrieval/retrieval_tables.hpp"
 #include "orvane_kestrix/service/errors.hpp"
 #include "orvane_kestrix/service/workspace.hpp"
 
@@ -92,6 +93,23 @@ TEST_F(WorkspaceTest, PacksFollowARebuiltIndexFile) {
     EXPECT_EQ(after.symbols[0].fqn, "python.shop.ledger.reconcile_ledger");
 }
 
+TEST_F(WorkspaceTest, PacksFollowARefreshInPlace) {
+    service::Workspace workspace(options());
+    workspace.refresh();
+    ASSERT_FALSE(workspace.pack({.task = "Fix total_price rounding"}).symbols.empty());
+
+    // A refresh by another connection (another process, say) changes the open file in place.
+    std::ofstream(dir_ / "repo" / "python" / "shop" / "ledger.py") << "def reconcile_ledger(entries):\n    return entries\n";
+    indexer::IndexOptions refresh;
+    refresh.repo = dir_ / "repo";
+    refresh.jobs = 2;
+    indexer::IndexBuilder(retrieval::index_options_with_retrieval(refresh)).run();
+    const ContextPack after = workspace.pack({.task = "reconcile_ledger in python/shop/ledger.py"});
+    ASSERT_FALSE(after.symbols.empty());
+    EXPECT_EQ(after.symbols[0].fqn, "python.shop.ledger.reconcile_ledger");
+    EXPECT_EQ(after.notes, std::vector<std::string>{});
+}
+
 TEST_F(WorkspaceTest, RefreshesReportIndexingOnlyWhileTheIndexIsBehind) {
     // Files written just now are read again by every refresh (their times are too recent to
     // trust); these are an hour old.
@@ -102,9 +120,9 @@ TEST_F(WorkspaceTest, RefreshesReportIndexingOnlyWhileTheIndexIsBehind) {
     // The status packs would carry, seen at each step of a refresh.
     auto statuses_during_refresh = [&] {
         std::vector<std::pair<std::string, bool>> seen;
-        workspace.refresh([&](const indexer::IndexProgress& progress) {
+        workspace.refresh({.on_progress = [&](const indexer::IndexProgress& progress) {
             seen.emplace_back(std::string(progress.phase), workspace.indexing_status().in_progress);
-        });
+        }});
         EXPECT_FALSE(workspace.indexing_status().in_progress) << "over once the refresh ends";
         EXPECT_EQ(workspace.indexing_status().progress, 100);
         return seen;
@@ -130,7 +148,7 @@ TEST(ProgressPercent, PhasesShareTheScale) {
     for (const Case& c : {Case{"scanning", 0, 0, 0}, Case{"parsing", 0, 10, 0}, Case{"parsing", 5, 10, 45},
                           Case{"parsing", 10, 10, 90}, Case{"parsing", 12, 10, 90}, Case{"resolving", 0, 1, 90},
                           Case{"resolving", 1, 1, 99}}) {
-        EXPECT_EQ(service::progress_percent({c.phase, c.done, c.total}), c.percent) << c.phase << ' ' << c.done;
+        EXPECT_EQ((indexer::IndexProgress{c.phase, c.done, c.total}.percent()), c.percent) << c.phase << ' ' << c.done;
     }
 }
 

@@ -4,10 +4,15 @@
 // A run lists the repository's files, re-parses only those whose content changed (by size and
 // modification time first, then by content hash), drops the files that are gone, and
 // recomputes what depends on other files: reference targets, production fan-in and covering
-// tests. Files are read and parsed on worker threads (one parser each); one thread writes, one
-// transaction per batch of files. A new index (or a rebuild) is written to a file beside the
-// index path without a journal and renamed into place when done. Bad input never stops a run:
-// a file that cannot be used is skipped and counted by reason.
+// tests. Files are read and parsed on worker threads (one parser each); one thread writes them
+// in the order they were handed out, so the same tree gets the same ids whatever the number of
+// threads. A new index (or a rebuild) is written to a file beside the index path without a
+// journal, one transaction per batch of files, and renamed into place when done; an index in
+// place is changed in one transaction, so a reader sees it as it was before the run or as it
+// is after, never a part. One run writes an index at a time (storage/index_writer_lock.hpp).
+// Bad input never stops a run: a file that cannot be used is skipped and counted by reason.
+
+#include <sys/types.h>
 
 #include <atomic>
 #include <cstdint>
@@ -33,6 +38,14 @@ struct IndexProgress {
     std::string_view phase;  // "scanning", "parsing", "resolving"
     std::size_t done = 0;
     std::size_t total = 0;
+    // The run changes the index: a first build or a rebuild from the start, a refresh from
+    // the moment it finds files to parse or drop. A refresh that finds nothing changed never
+    // sets it.
+    bool updating = false;
+
+    // The run's progress as one percentage: scanning counts as 0, parsing runs to 90,
+    // resolving the references of the whole index takes the rest.
+    std::int64_t percent() const;
 };
 
 struct IndexOptions {
@@ -50,12 +63,18 @@ struct IndexOptions {
     bool use_git = true;
     // Called on the writing thread as work advances.
     std::function<void(const IndexProgress&)> on_progress;
-    // Set from elsewhere (a signal handler) to stop at the next file; the index keeps every
-    // completed batch and stays readable (a stopped rebuild leaves the previous index instead).
+    // Set from elsewhere (a signal handler) to stop at the next file. A stopped refresh leaves
+    // the index as it was, a stopped rebuild the previous index; a stopped first build keeps
+    // its completed batches, and the next run goes on from them.
     const std::atomic<bool>* cancel = nullptr;
+    // When another run is writing this index: wait for it to end (`on_lock_wait` is told its
+    // pid once), or with `wait_for_writer` false throw storage::IndexBusyError at once.
+    bool wait_for_writer = true;
+    std::function<void(pid_t)> on_lock_wait;
     // Brings tables that another module keeps in the index up to date at the end of each
     // completed run (the retriever's: retrieval::index_options_with_retrieval). Called on the
-    // writing connection, outside any transaction, with the repository root and `jobs`.
+    // writing connection with the repository root and `jobs`, inside the run's transaction
+    // when it has one (so its own transaction nests).
     std::function<void(storage::Database&, const std::filesystem::path&, unsigned)> refresh_extra_tables;
     // Makes one parser per worker thread; default: the tree-sitter Extractor.
     std::function<ExtractFunction()> make_extractor;
@@ -73,7 +92,8 @@ struct IndexStats {
     bool cancelled = false;
     // Wall seconds per phase, in order: "scan" (listing and comparing files), "parse"
     // (reading, parsing, writing), then, when other files' facts were recomputed, "load",
-    // "resolve" and "write"; then "extra tables" when refresh_extra_tables ran.
+    // "resolve" and "write"; then "extra tables" when refresh_extra_tables ran; then "commit"
+    // when the run changed an index in place (its one transaction).
     std::vector<std::pair<std::string, double>> timings;
 
     std::int64_t skipped_total() const;
@@ -89,7 +109,8 @@ public:
     explicit IndexBuilder(IndexOptions options);
 
     // Runs once. Throws storage::IndexFileError for a database file that is damaged, foreign
-    // or of a newer schema (the message names the file and --rebuild).
+    // or of a newer schema (the message names the file and --rebuild), and
+    // storage::IndexBusyError when another run writes the index and the options say not to wait.
     IndexStats run();
 
 private:

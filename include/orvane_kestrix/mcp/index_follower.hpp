@@ -4,7 +4,9 @@
 // files change. Changes are seen through inotify on the repository's directories (debounced,
 // so a burst of writes costs one refresh), with a periodic refresh as the fallback for what
 // notifications miss (an overflowed queue, a file system without them, too many directories).
-// The refresh is incremental: files whose size and time are unchanged are not read.
+// The refresh is incremental: files whose size and time are unchanged are not read. While
+// another process updates the index (a `kestrix index` run), a round is skipped and tried
+// again after `fallback_interval`.
 
 #include <atomic>
 #include <chrono>
@@ -44,12 +46,14 @@ private:
     class Watch;
 
     void run();
-    void refresh_once();
+    // False when another process held the index, so nothing was refreshed.
+    bool refresh_once();
     void log(const std::string& line) const;
 
     service::Workspace& workspace_;
     FollowOptions options_;
     std::atomic<bool> stopping_{false};
+    bool busy_logged_ = false;  // the other writer has been logged once
     int wake_fd_ = -1;
     std::thread thread_;
 };

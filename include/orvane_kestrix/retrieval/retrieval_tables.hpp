@@ -50,7 +50,7 @@ struct RetrievalRefreshStats {
 // source files that are new or changed since their rows were made, and only those; files gone
 // from the index lose theirs. Reads each described file from `root` (the text the index was
 // made from), on up to `jobs` threads (0: one per hardware thread). Runs in one transaction of
-// its own; the caller holds none.
+// its own, or inside the caller's when it holds one (an index run's).
 RetrievalRefreshStats refresh_retrieval_tables(storage::Database& db, const std::filesystem::path& root,
                                                unsigned jobs = 0);
 

@@ -31,6 +31,13 @@ public:
     using ServiceError::ServiceError;
 };
 
+// Another index run is updating the index, and the caller chose not to wait for it.
+// what(): "another index run (pid N) is updating this index".
+class IndexBusyError : public ServiceError {
+public:
+    using ServiceError::ServiceError;
+};
+
 // Any other failure of the index while it was read or written.
 class IndexAccessError : public ServiceError {
 public:

@@ -7,7 +7,11 @@
 // Threads: pack() may be called from any thread (calls are served one at a time over one
 // connection); refresh() runs the indexer on the calling thread with a connection of its own,
 // so a pack never waits for a refresh. A pack reads the index inside one read transaction, so
-// it sees the index as one committed state even while a refresh writes.
+// it sees the index as one committed state even while a refresh writes (a refresh commits
+// once), and the retriever's view of the index is renewed whenever that state changed.
+// The indexing status counts refreshes run by other processes too (their writer lock).
+
+#include <sys/types.h>
 
 #include <atomic>
 #include <cstdint>
@@ -34,6 +38,17 @@ struct WorkspaceOptions {
     unsigned index_jobs = 0;
 };
 
+struct RefreshOptions {
+    // Called on the refreshing thread as work advances.
+    std::function<void(const indexer::IndexProgress&)> on_progress{};
+    // Stops the refresh at its next file; a stopped refresh leaves the index as it was.
+    const std::atomic<bool>* cancel = nullptr;
+    // When another process is updating the index: wait for it to end (`on_wait` is told its
+    // pid once), or with `wait_for_writer` false throw IndexBusyError at once.
+    bool wait_for_writer = true;
+    std::function<void(pid_t)> on_wait{};
+};
+
 // Where a refresh stands: `in_progress` while one runs, with its percentage.
 struct IndexingStatus {
     bool in_progress = false;
@@ -56,14 +71,12 @@ public:
     // DamagedIndexError for a file that cannot be used.
     bool has_complete_index() const;
 
-    // Builds or refreshes the index on the calling thread; `on_progress` (optional) is called
-    // on this thread as work advances. While it runs with work to do (a first build, or files
-    // that changed), packs report indexing in progress.
-    // `cancel`, when given, stops it at the next file. Throws DamagedIndexError or
-    // IndexAccessError.
-    indexer::IndexStats refresh(const std::function<void(const indexer::IndexProgress&)>& on_progress = {},
-                                const std::atomic<bool>* cancel = nullptr);
+    // Builds or refreshes the index on the calling thread. While it runs with work to do (a
+    // first build, or files that changed), packs report indexing in progress. Throws
+    // DamagedIndexError, IndexBusyError or IndexAccessError.
+    indexer::IndexStats refresh(const RefreshOptions& options = {});
 
+    // This process's refresh, or else another process's (its lock file), while it has work.
     IndexingStatus indexing_status() const;
 
     // The context pack of `request`, from the index as it is now. Snippets are read under the
@@ -78,18 +91,18 @@ private:
     // The open index, (re)opened when the file appeared or was replaced; null while there is
     // no index file. Called with pack_mutex_ held.
     OpenIndex* current_index();
+    // Makes the retriever and the builder again when the index is in another state than the
+    // one they were made from. Called inside the pack's read transaction.
+    void follow_state(OpenIndex& index, std::int64_t data_version);
 
     WorkspaceOptions options_;
     std::filesystem::path index_path_;
     std::mutex pack_mutex_;
     std::unique_ptr<OpenIndex> open_;
     std::mutex refresh_mutex_;
-    std::atomic<bool> refreshing_{false};
+    std::atomic<bool> refreshing_{false};  // a refresh of this process runs
+    std::atomic<bool> updating_{false};    // ... and has work to do
     std::atomic<std::int64_t> progress_{100};
 };
-
-// A refresh's progress as one percentage: scanning counts as 0, parsing runs to 90, resolving
-// the references of the whole index takes the rest.
-std::int64_t progress_percent(const indexer::IndexProgress& progress);
 
 }  // namespace orvane_kestrix::service

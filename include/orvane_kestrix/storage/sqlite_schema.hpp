@@ -207,6 +207,7 @@ public:
     void run();
     void reset();
 
+    int column_count() const;
     std::int64_t column_int64(int index) const;
     double column_double(int index) const;
     bool column_is_null(int index) const;
@@ -228,7 +229,9 @@ struct ResetOnExit {
     ~ResetOnExit() { statement.reset(); }
 };
 
-// BEGIN IMMEDIATE on construction; rolls back on destruction unless committed.
+// BEGIN IMMEDIATE on construction; rolls back on destruction unless committed. Inside a
+// transaction already open on the connection it is a savepoint of that transaction instead:
+// its commit keeps its changes for the outer one to commit or roll back.
 class Transaction {
 public:
     explicit Transaction(Database& db);
@@ -239,6 +242,7 @@ public:
 
 private:
     Database& db_;
+    bool nested_;
     bool open_ = true;
 };
 

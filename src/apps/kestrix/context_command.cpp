@@ -79,7 +79,10 @@ int run_context(const ContextArguments& arguments) {
                               << std::flush;
                 };
             }
-            const indexer::IndexStats stats = workspace.refresh(on_progress);
+            const indexer::IndexStats stats = workspace.refresh(
+                {.on_progress = on_progress, .on_wait = [](pid_t holder) {
+                     std::cerr << "kestrix: waiting for another index run (pid " << holder << ") to finish\n";
+                 }});
             if (tty) std::cerr << "\r\033[K";
             std::cerr << "kestrix: " << stats.summary() << '\n';
         }

@@ -13,6 +13,7 @@
 #include "command.hpp"
 #include "orvane_kestrix/indexer/index_builder.hpp"
 #include "orvane_kestrix/retrieval/retrieval_tables.hpp"
+#include "orvane_kestrix/storage/index_writer_lock.hpp"
 #include "orvane_kestrix/storage/sqlite_schema.hpp"
 
 namespace orvane_kestrix::app {
@@ -35,7 +36,11 @@ struct IndexArguments {
     std::uint64_t max_file_size = 2 * 1024 * 1024;
     bool timings = false;
     bool no_retriever = false;
+    bool no_wait = false;
 };
+
+// The exit code of a run that found another run updating the index (EX_TEMPFAIL: try again).
+constexpr int kIndexBusyExit = 75;
 
 // Redraws one status line on standard error, at most ten times a second.
 class ProgressBar {
@@ -82,6 +87,10 @@ int run_index(const IndexArguments& arguments) {
     options.jobs = arguments.jobs;
     options.max_file_size = arguments.max_file_size;
     options.cancel = &interrupted;
+    options.wait_for_writer = !arguments.no_wait;
+    options.on_lock_wait = [](pid_t holder) {
+        std::cerr << "kestrix index: waiting for another index run (pid " << holder << ") to finish\n";
+    };
     if (!arguments.no_retriever) options = retrieval::index_options_with_retrieval(std::move(options));
 
     ProgressBar bar;
@@ -116,6 +125,10 @@ int run_index(const IndexArguments& arguments) {
             std::cerr << line << '\n';
         }
         return stats.cancelled ? 130 : 0;
+    } catch (const storage::IndexBusyError& e) {
+        bar.clear();
+        std::cerr << "kestrix index: " << e.what() << '\n';
+        return kIndexBusyExit;
     } catch (const storage::IndexFileError& e) {
         bar.clear();
         std::cerr << "kestrix index: " << e.what() << '\n';
@@ -139,6 +152,8 @@ const CommandRegistrar registrar([](CLI::App& app, int& exit_code) {
                         "skip files larger than this many bytes (1 to 1073741824)")
         ->capture_default_str()
         ->check(CLI::Range(std::uint64_t{1}, kMaxFileSizeLimit));
+    command->add_flag("--no-wait", arguments->no_wait,
+                      "when another index run is updating this index, exit at once (code 75) instead of waiting");
     command->add_flag("--timings", arguments->timings, "print the seconds of each phase on standard error");
     command->add_flag("--no-retriever", arguments->no_retriever,
                       "leave the retriever's tables as they are (for comparing index times)");
