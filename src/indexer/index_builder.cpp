@@ -44,6 +44,9 @@ constexpr std::size_t kBatchFiles = 256;
 // Modification times this close to the start of a run are not trusted to reveal a later
 // change (coarse file-system clocks); such files are hashed again next time.
 constexpr std::int64_t kRecentMtimeNs = 2'000'000'000;
+// How long a refresh waits, once committed, for readers of older states before it truncates
+// the write-ahead log that holds its pages.
+constexpr std::chrono::milliseconds kLogShrinkWait{200};
 // Bytes looked at for a NUL to call a file binary.
 constexpr std::size_t kBinaryProbe = 8192;
 
@@ -305,6 +308,7 @@ public:
             if (!stats_.cancelled && options_.refresh_extra_tables) refresh_extra_tables();
             if (whole_run && !stats_.cancelled) {
                 whole_run->commit();
+                storage::shrink_write_ahead_log(db_, kLogShrinkWait);
                 lap("commit");
             }
             whole_run.reset();

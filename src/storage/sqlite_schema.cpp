@@ -17,6 +17,9 @@ namespace orvane_kestrix::storage {
 
 namespace {
 
+// How long a statement waits for a lock another connection holds.
+constexpr int kBusyTimeoutMs = 5000;
+
 // The schema is written once, table by table: a new index is made at the current version
 // directly, and a file of an older version is brought forward by the migrations after its own.
 
@@ -200,7 +203,7 @@ Database::Database(const std::filesystem::path& path, int flags) : path_(path) {
         throw SqliteError(rc, path.string() + ": " + message);
     }
     sqlite3_extended_result_codes(db_, 1);
-    sqlite3_busy_timeout(db_, 5000);
+    sqlite3_busy_timeout(db_, kBusyTimeoutMs);
 }
 
 Database::~Database() {
@@ -360,18 +363,16 @@ std::optional<std::int64_t> Statement::column_optional_int64(int index) const {
 
 // ---- Transaction ----
 
-Transaction::Transaction(Database& db) : db_(db), nested_(sqlite3_get_autocommit(db.handle()) == 0) {
-    db_.exec(nested_ ? "SAVEPOINT nested" : "BEGIN IMMEDIATE");
+Transaction::Transaction(Database& db) : db_(db), joined_(sqlite3_get_autocommit(db.handle()) == 0) {
+    if (!joined_) db_.exec("BEGIN IMMEDIATE");
 }
 
 Transaction::~Transaction() {
-    if (open_) {
-        sqlite3_exec(db_.handle(), nested_ ? "ROLLBACK TO nested; RELEASE nested" : "ROLLBACK", nullptr, nullptr, nullptr);
-    }
+    if (open_ && !joined_) sqlite3_exec(db_.handle(), "ROLLBACK", nullptr, nullptr, nullptr);
 }
 
 void Transaction::commit() {
-    db_.exec(nested_ ? "RELEASE nested" : "COMMIT");
+    if (!joined_) db_.exec("COMMIT");
     open_ = false;
 }
 
@@ -505,6 +506,12 @@ Database open_index(const std::filesystem::path& path, const IndexOpenOptions& o
         }
     }
     return db;
+}
+
+void shrink_write_ahead_log(Database& db, std::chrono::milliseconds wait) {
+    sqlite3_busy_timeout(db.handle(), static_cast<int>(wait.count()));
+    sqlite3_wal_checkpoint_v2(db.handle(), nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+    sqlite3_busy_timeout(db.handle(), kBusyTimeoutMs);
 }
 
 void remove_index_files(const std::filesystem::path& path) {

@@ -74,7 +74,7 @@ struct IndexOptions {
     // Brings tables that another module keeps in the index up to date at the end of each
     // completed run (the retriever's: retrieval::index_options_with_retrieval). Called on the
     // writing connection with the repository root and `jobs`, inside the run's transaction
-    // when it has one (so its own transaction nests).
+    // when it has one (which its own transaction joins).
     std::function<void(storage::Database&, const std::filesystem::path&, unsigned)> refresh_extra_tables;
     // Makes one parser per worker thread; default: the tree-sitter Extractor.
     std::function<ExtractFunction()> make_extractor;

@@ -103,6 +103,7 @@
 //
 // Every write happens in the indexer; readers open the file read-only.
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
@@ -230,8 +231,10 @@ struct ResetOnExit {
 };
 
 // BEGIN IMMEDIATE on construction; rolls back on destruction unless committed. Inside a
-// transaction already open on the connection it is a savepoint of that transaction instead:
-// its commit keeps its changes for the outer one to commit or roll back.
+// transaction already open on the connection it joins that one instead: its changes are
+// committed or rolled back with it. (Not a savepoint: SQLite keeps the pages a savepoint
+// changes in a sub-journal whose in-memory form costs every later statement a walk over it,
+// which made a large refresh several times slower.)
 class Transaction {
 public:
     explicit Transaction(Database& db);
@@ -242,7 +245,7 @@ public:
 
 private:
     Database& db_;
-    bool nested_;
+    bool joined_;
     bool open_ = true;
 };
 
@@ -270,6 +273,12 @@ void remove_index_files(const std::filesystem::path& path);
 // index for a torn one; a first index is not (a crash costs at most a rebuild, as with any
 // file written without a sync, and the flush is a tenth of a second on a large repository).
 void publish_index(Database db, const std::filesystem::path& target);
+
+// Copies the write-ahead log into the index file and truncates it, unless a reader still
+// reads an older state after `wait` (then it is left as it is: best effort). SQLite otherwise
+// keeps the log at its largest size while any connection is open, which after a large
+// refresh is about the size of the index.
+void shrink_write_ahead_log(Database& db, std::chrono::milliseconds wait);
 
 // Where an index for `target` is built before publish_index(): next to it, named after it and
 // this process.
