@@ -173,7 +173,7 @@ void Workspace::follow_state(OpenIndex& index, std::int64_t data_version) {
     if (index.builder && index.data_version == data_version) return;
     index.builder.reset();
     index.retriever.reset();
-    if (options_.use_retriever) index.retriever = make_retriever(*index.repository);
+    if (options_.use_retriever) index.retriever = make_retriever(*index.repository, options_.repo);
     index.builder = std::make_unique<ContextBuilder>(*index.repository, index.retriever.get(),
                                                      ContextBuilderOptions{.list_tests = options_.list_tests});
     index.data_version = data_version;
