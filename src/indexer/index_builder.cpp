@@ -257,7 +257,7 @@ std::string utc_now() {
 class IndexRun {
 public:
     explicit IndexRun(const IndexOptions& options)
-        : options_(options), root_(options.repo), db_path_(options.db.value_or(default_index_path(root_))) {}
+        : options_(options), root_(options.repo), db_path_(storage::index_file_behind_links(options.db.value_or(default_index_path(root_)))) {}
 
     ~IndexRun() {
         if (discard_on_exit_) storage::remove_index_files(work_path_);

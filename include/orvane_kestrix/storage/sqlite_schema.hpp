@@ -267,6 +267,11 @@ void remove_index_files(const std::filesystem::path& path);
 // file written without a sync, and the flush is a tenth of a second on a large repository).
 void publish_index(Database db, const std::filesystem::path& target);
 
+// The file an index path names: a symbolic link is followed to the path it points at (which
+// need not exist yet). A rebuild publishes by renaming onto that path, so a linked index path
+// keeps its link and the link's target gets the new index.
+std::filesystem::path index_file_behind_links(const std::filesystem::path& path);
+
 // Where an index for `target` is built before publish_index(): next to it, named after it and
 // this process.
 std::filesystem::path unpublished_index_path(const std::filesystem::path& target);
