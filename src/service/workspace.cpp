@@ -143,6 +143,7 @@ indexer::IndexStats Workspace::refresh(const std::function<void(const indexer::I
     options.repo = options_.repo;
     options.db = index_path_;
     options.jobs = options_.index_jobs;
+    options.include_generated = options_.include_generated;
     options.cancel = cancel;
     options.on_progress = [&](const indexer::IndexProgress& progress) {
         progress_.store(progress_percent(progress));

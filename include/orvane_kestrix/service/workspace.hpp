@@ -32,6 +32,8 @@ struct WorkspaceOptions {
     bool use_retriever = true;
     // Parser threads of a refresh; 0: one per hardware thread.
     unsigned index_jobs = 0;
+    // Refreshes index minified and generated files too (IndexOptions::include_generated).
+    bool include_generated = false;
 };
 
 // Where a refresh stands: `in_progress` while one runs, with its percentage.

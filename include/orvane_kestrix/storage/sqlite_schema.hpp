@@ -21,6 +21,8 @@
 //           a change makes the next run recompute references.
 //       "parser_revision": the parser output revision the files were parsed with; another
 //           value makes the next run parse every file again.
+//       "generated_files": "indexed" or "skipped": whether the last completed run indexed
+//           minified and generated files; absent in indexes that predate the choice (they did).
 //       "last_symbol_id", "last_ref_id": the largest symbol and reference ids ever given out;
 //           the writer numbers new rows above them, so an id is never given twice.
 //
@@ -285,6 +287,7 @@ inline constexpr std::string_view derived_stale = "derived_stale";
 inline constexpr std::string_view indexed_at = "indexed_at";
 inline constexpr std::string_view packages = "packages";
 inline constexpr std::string_view parser_revision = "parser_revision";
+inline constexpr std::string_view generated_files = "generated_files";
 inline constexpr std::string_view last_symbol_id = "last_symbol_id";
 inline constexpr std::string_view last_ref_id = "last_ref_id";
 }  // namespace meta_key
