@@ -255,7 +255,8 @@ struct IndexOpenOptions {
 // Opens the index at `path`, for use by one thread at a time. A writer creates the file (and its directory) when missing,
 // initialises an empty database, migrates an older schema, sets WAL. Throws IndexFileError
 // for a file that is not a database, is damaged, belongs to another program, has a newer
-// schema, or (read-only) does not exist or is not initialised.
+// schema, lacks a table of its schema, cannot be migrated, or (read-only) does not exist or
+// is not initialised; IndexPathIsDirectory for a directory.
 Database open_index(const std::filesystem::path& path, const IndexOpenOptions& options = {});
 
 // Deletes the database file and its -wal, -shm and -journal companions, if present.
