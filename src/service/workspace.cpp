@@ -155,6 +155,13 @@ indexer::IndexStats Workspace::refresh(const std::function<void(const indexer::I
     return translating_index_errors(index_path_, [&] { return indexer::IndexBuilder(options).run(); });
 }
 
+void Workspace::expect_refresh() {
+    std::error_code error;
+    if (fs::exists(index_path_, error)) return;
+    progress_.store(0);
+    refreshing_.store(true);
+}
+
 IndexingStatus Workspace::indexing_status() const {
     IndexingStatus status;
     status.in_progress = refreshing_.load();

@@ -66,6 +66,11 @@ public:
     indexer::IndexStats refresh(const std::function<void(const indexer::IndexProgress&)>& on_progress = {},
                                 const std::atomic<bool>* cancel = nullptr);
 
+    // Says that a refresh is about to start on another thread: until it does, packs over a
+    // repository without an index report indexing in progress instead of failing for want of
+    // an index.
+    void expect_refresh();
+
     IndexingStatus indexing_status() const;
 
     // The context pack of `request`, from the index as it is now. Snippets are read under the
