@@ -36,6 +36,8 @@ struct WorkspaceOptions {
     bool use_retriever = true;
     // Parser threads of a refresh; 0: one per hardware thread.
     unsigned index_jobs = 0;
+    // Refreshes index minified and generated files too (IndexOptions::include_generated).
+    bool include_generated = false;
 };
 
 struct RefreshOptions {
@@ -75,6 +77,11 @@ public:
     // first build, or files that changed), packs report indexing in progress. Throws
     // DamagedIndexError, IndexBusyError or IndexAccessError.
     indexer::IndexStats refresh(const RefreshOptions& options = {});
+
+    // Says that a refresh is about to start on another thread: until it does, packs over a
+    // repository without an index report indexing in progress instead of failing for want of
+    // an index.
+    void expect_refresh();
 
     // This process's refresh, or else another process's (its lock file), while it has work.
     IndexingStatus indexing_status() const;

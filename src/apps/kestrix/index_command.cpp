@@ -37,6 +37,7 @@ struct IndexArguments {
     bool timings = false;
     bool no_retriever = false;
     bool no_wait = false;
+    bool include_generated = false;
 };
 
 // The exit code of a run that found another run updating the index (EX_TEMPFAIL: try again).
@@ -86,6 +87,7 @@ int run_index(const IndexArguments& arguments) {
     options.rebuild = arguments.rebuild;
     options.jobs = arguments.jobs;
     options.max_file_size = arguments.max_file_size;
+    options.include_generated = arguments.include_generated;
     options.cancel = &interrupted;
     options.wait_for_writer = !arguments.no_wait;
     options.on_lock_wait = [](pid_t holder) {
@@ -154,6 +156,8 @@ const CommandRegistrar registrar([](CLI::App& app, int& exit_code) {
         ->check(CLI::Range(std::uint64_t{1}, kMaxFileSizeLimit));
     command->add_flag("--no-wait", arguments->no_wait,
                       "when another index run is updating this index, exit at once (code 75) instead of waiting");
+    command->add_flag("--include-generated", arguments->include_generated,
+                      "index minified and generated files too (skipped by default)");
     command->add_flag("--timings", arguments->timings, "print the seconds of each phase on standard error");
     command->add_flag("--no-retriever", arguments->no_retriever,
                       "leave the retriever's tables as they are (for comparing index times)");
