@@ -214,13 +214,13 @@ TEST_F(IndexWriters, ToolRunsOnOneIndexTakeTurns) {
     const pid_t waiting = kestrix_test::start_tool(on_index, dir_ / "waiting.out", dir_ / "waiting.err");
     ASSERT_GT(waiting, 0);
     const std::string waiting_line = "kestrix index: waiting for another index run (pid " + std::to_string(getpid()) + ") to finish\n";
-    EXPECT_TRUE(eventually([&] { return kestrix_test::read_text(dir_ / "waiting.err") == waiting_line; }))
-        << kestrix_test::read_text(dir_ / "waiting.err");
+    EXPECT_TRUE(eventually([&] { return kestrix_test::read_whole_file(dir_ / "waiting.err") == waiting_line; }))
+        << kestrix_test::read_whole_file(dir_ / "waiting.err");
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     EXPECT_EQ(waitpid(waiting, nullptr, WNOHANG), 0) << "still waiting";
     held.reset();
     EXPECT_EQ(kestrix_test::wait_for_exit(waiting), 0);
-    EXPECT_EQ(kestrix_test::read_text(dir_ / "waiting.err"), waiting_line) << "said once";
+    EXPECT_EQ(kestrix_test::read_whole_file(dir_ / "waiting.err"), waiting_line) << "said once";
 }
 
 }  // namespace

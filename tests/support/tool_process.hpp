@@ -1,38 +1,24 @@
 #pragma once
-// Runs the built kestrix tool from a test, in the foreground with its output captured or in
-// the background, through /bin/sh so that arguments are written as on a command line.
+// Runs the built kestrix tool from a test in the background, or to its end with output files
+// of its own (runs at the same time keep theirs apart), through /bin/sh so that arguments are
+// written as on a command line.
 
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
+
+#include "support/kestrix_tool.hpp"
 
 extern char** environ;
 
 namespace kestrix_test {
 
-inline std::string read_text(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream buffer;
-    buffer << in.rdbuf();
-    return buffer.str();
-}
-
-inline std::string shell_quoted(const std::string& text) {
-    std::string out = "'";
-    for (const char c : text) {
-        if (c == '\'') {
-            out += "'\\''";
-        } else {
-            out.push_back(c);
-        }
-    }
-    return out + "'";
-}
+using orvane_kestrix::testing::read_whole_file;
+using orvane_kestrix::testing::shell_quoted;
+using orvane_kestrix::testing::ToolRun;
 
 // Starts `kestrix ARGUMENTS` with standard output and error going to the two files.
 inline pid_t start_tool(const std::string& arguments, const std::filesystem::path& out, const std::filesystem::path& err) {
@@ -51,12 +37,6 @@ inline int wait_for_exit(pid_t pid) {
     return WEXITSTATUS(status);
 }
 
-struct ToolRun {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
 // Runs `kestrix ARGUMENTS` to its end; its output passes through files named after `tag`
 // in `scratch` (so that runs at the same time keep theirs apart).
 inline ToolRun run_tool(const std::string& arguments, const std::filesystem::path& scratch, const std::string& tag = "run") {
@@ -64,8 +44,8 @@ inline ToolRun run_tool(const std::string& arguments, const std::filesystem::pat
     const std::filesystem::path err = scratch / (tag + ".err");
     ToolRun run;
     run.status = wait_for_exit(start_tool(arguments, out, err));
-    run.out = read_text(out);
-    run.err = read_text(err);
+    run.out = read_whole_file(out);
+    run.err = read_whole_file(err);
     return run;
 }
 
