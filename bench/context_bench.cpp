@@ -215,7 +215,7 @@ int main(int argc, char** argv) {
             {"retriever", false, false, true},
             {"retriever + snip", false, true, true},
         };
-        retrieval::SqliteHybridRetriever retriever(repository.database());
+        retrieval::SqliteHybridRetriever retriever(repository.database(), options.stdlib);
         std::cout << fmt::format("{:<18} {:>10} {:>10} {:>10} {:>12} {:>10} {:>10}\n", "mode", "median ms", "p95 ms",
                                  "mean ms", "symbols/pack", "grep med", "grep/pack");
         for (const auto& mode : modes) {

@@ -13,6 +13,10 @@ using storage::Statement;
 constexpr std::size_t kMaxNameMatches = 40;
 // A file name written alone that more files share is no evidence either.
 constexpr std::size_t kMaxFileMatches = 4;
+// A name or qualified name written in the task's first line (an issue's title, a commit's
+// subject) is what the task is about; further down, names are often context: the code that
+// shows the problem, the calls around it. Mentions in the title count this many times more.
+constexpr double kTitleFactor = 1.75;
 
 struct NameMatch {
     std::int64_t id;
@@ -126,10 +130,17 @@ SignalScores MentionSignal::score(const RetrievalQuery& query, RetrievalContext&
             ++in_repository;
             for (std::int64_t file : files) {
                 bool found = false;
+                // A frame's line points into its function only in the version the trace came
+                // from: a symbol there of another name means the file has moved on since.
                 if (frame->line) {
                     if (auto id = lookups.at_line(file, *frame->line)) {
-                        add_symbol(*id, weight);
-                        found = true;
+                        context.load({*id});
+                        const CandidateSymbol* symbol = context.find(*id);
+                        if (frame->function.empty() || frame->function.starts_with('<') ||
+                            (symbol != nullptr && symbol->name == frame->function)) {
+                            add_symbol(*id, weight);
+                            found = true;
+                        }
                     }
                 }
                 if (!frame->function.empty()) {
@@ -154,6 +165,9 @@ SignalScores MentionSignal::score(const RetrievalQuery& query, RetrievalContext&
         }
     }
 
+    const std::string_view title = std::string_view(query.task).substr(0, query.task.find('\n'));
+    auto in_title = [&](std::string_view written) { return title.find(written) != std::string_view::npos; };
+
     // Qualified names: Cls.method, pkg.mod.func, a::b. A module path names a file as well.
     for (const std::string& dotted : query.mentions.dotted) {
         const auto parts = split_qualified(dotted);
@@ -173,10 +187,11 @@ SignalScores MentionSignal::score(const RetrievalQuery& query, RetrievalContext&
         for (const NameMatch* match : exact) {
             const std::string fqn = normalised_fqn(match->fqn);
             const std::string& owner = parts[parts.size() - 2];
+            const double emphasis = in_title(dotted) ? kTitleFactor : 1.0;
             if (fqn == wanted || fqn.ends_with("." + wanted)) {
-                add_symbol(match->id, 1.0);
+                add_symbol(match->id, 1.0 * emphasis);
             } else if (fqn.find("." + owner + ".") != std::string::npos || fqn.starts_with(owner + ".")) {
-                add_symbol(match->id, 0.85);
+                add_symbol(match->id, 0.85 * emphasis);
             } else {
                 add_symbol(match->id, 0.4 / std::sqrt(static_cast<double>(exact.size())));
             }
@@ -193,7 +208,8 @@ SignalScores MentionSignal::score(const RetrievalQuery& query, RetrievalContext&
         }
         if (usable.empty() || usable.size() > kMaxNameMatches) continue;
         const double spread = std::sqrt(static_cast<double>(usable.size()));
-        for (const NameMatch* match : usable) add_symbol(match->id, (match->name == name ? 0.8 : 0.5) / spread);
+        const double emphasis = in_title(name) ? kTitleFactor : 1.0;
+        for (const NameMatch* match : usable) add_symbol(match->id, (match->name == name ? 0.8 * emphasis : 0.5) / spread);
     }
 
     // File paths and file names.

@@ -4,6 +4,11 @@
 
 namespace orvane_kestrix::retrieval {
 
+bool is_minor_symbol(std::string_view kind, std::int64_t start_line, std::int64_t end_line) {
+    if (kind == "property") return end_line - start_line < 2;
+    return kind == "variable" || kind == "constant" || kind == "field";
+}
+
 void RetrievalContext::load(const std::vector<std::int64_t>& ids) {
     std::vector<std::int64_t> missing;
     for (std::int64_t id : ids) {

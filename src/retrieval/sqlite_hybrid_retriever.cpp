@@ -1,7 +1,7 @@
 #include "orvane_kestrix/retrieval/sqlite_hybrid_retriever.hpp"
 
 #include <algorithm>
-#include <cstdlib>
+#include <cmath>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -33,28 +33,28 @@ bool outside_production(std::string_view path) {
            name.find(".config.") != std::string_view::npos;
 }
 
-bool minor_kind(std::string_view kind) {
-    return kind == "variable" || kind == "constant" || kind == "field" || kind == "property";
-}
-
 }  // namespace
 
-WeightedFusion default_fusion() {
+
+WeightedFusion default_fusion(std::optional<std::filesystem::path> root) {
     WeightedFusion fusion;
     fusion.add(std::make_unique<MentionSignal>(), 1.2);
     fusion.add(std::make_unique<FileTextSignal>(), 0.7);
     fusion.add(std::make_unique<SymbolTextSignal>(), 1.0);
+    if (root) fusion.add(std::make_unique<SymbolBodySignal>(std::move(root)), 0.5);
     fusion.add(std::make_unique<ReferenceGraphSignal>(), 0.25);
     fusion.add(std::make_unique<FanInPrior>(), 0.05);
     return fusion;
 }
 
-SqliteHybridRetriever::SqliteHybridRetriever(storage::Database& db, Tokenizer* tokenizer)
-    : db_(db), tokenizer_(tokenizer != nullptr ? *tokenizer : default_tokenizer()), fusion_(default_fusion()) {
+SqliteHybridRetriever::SqliteHybridRetriever(storage::Database& db, std::optional<std::filesystem::path> root,
+                                             Tokenizer* tokenizer)
+    : db_(db), tokenizer_(tokenizer != nullptr ? *tokenizer : default_tokenizer()), fusion_(default_fusion(std::move(root))) {
     has_tables_ = has_retrieval_tables(db_);
     if (!has_tables_) return;
     catalog_ = IndexCatalog(db_);
     indexed_symbols_ = db_.scalar_int("SELECT coalesce(sum(symbol_rows), 0) FROM retrieval_file_state");
+    indexed_files_ = db_.scalar_int("SELECT count(*) FROM retrieval_file_state");
     symbol_frequency_ = db_.prepare("SELECT doc FROM retrieval_symbol_vocab WHERE term = ?1");
     file_frequency_ = db_.prepare("SELECT doc FROM retrieval_file_vocab WHERE term = ?1");
 }
@@ -75,7 +75,7 @@ RetrievalResult SqliteHybridRetriever::retrieve(const std::string& task, std::in
         file_frequency_.reset();
         return df;
     };
-    const RetrievalQuery query = make_task_query(task, include_tests, tokenizer_, frequency, indexed_symbols_);
+    const RetrievalQuery query = make_task_query(task, include_tests, tokenizer_, frequency, indexed_symbols_, indexed_files_);
     if (query.terms.empty() && query.names.empty() && query.mentions.frames.empty() && query.mentions.files.empty() &&
         query.mentions.dotted.empty()) {
         result.note = kNoWordsNote;
@@ -126,8 +126,11 @@ RetrievalResult SqliteHybridRetriever::retrieve(const std::string& task, std::in
         if (symbol == nullptr) continue;
         const CatalogFile* file = catalog_.file(symbol->file_id);
         if (file == nullptr || !file->is_source || (file->is_test && !include_tests)) continue;
-        double adjusted = minor_kind(symbol->kind) ? score * kMinorKindFactor : score;
+        double adjusted = is_minor_symbol(symbol->kind, symbol->start_line, symbol->end_line) ? score * kMinorKindFactor : score;
         if (outside_production(file->path)) adjusted *= kOutsideProductionFactor;
+        if (file->is_test) adjusted *= kTestFileFactor;
+        // Longer definitions hold more of the code a change touches.
+        adjusted *= std::pow(static_cast<double>(symbol->end_line - symbol->start_line + 2), kLengthExponent);
         // A pack row that costs most of a default budget crowds out the rest, or does not fit
         // at all; a cheaper symbol of the same file then represents it better.
         if (symbol->cost > kAssumedBudget * 5 / 7) {

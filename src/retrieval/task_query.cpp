@@ -15,7 +15,7 @@ constexpr std::size_t kMaxNames = 48;
 
 RetrievalQuery make_task_query(const std::string& task, bool include_tests, Tokenizer& tokenizer,
                                const std::function<WordFrequency(const std::string&)>& frequency,
-                               std::int64_t indexed_symbols) {
+                               std::int64_t indexed_symbols, std::int64_t indexed_files) {
     RetrievalQuery query;
     query.task = task;
     query.include_tests = include_tests;
@@ -49,8 +49,13 @@ RetrievalQuery make_task_query(const std::string& task, bool include_tests, Toke
     }
     std::stable_sort(candidates.begin(), candidates.end(), [](const Candidate& a, const Candidate& b) { return a.idf > b.idf; });
     std::int64_t postings = 0;
+    const double files = static_cast<double>(std::max<std::int64_t>(indexed_files, 1));
     for (const auto& candidate : candidates) {
-        if (query.terms.size() < kMaxTerms) query.terms.push_back(candidate.word);
+        if (query.terms.size() < kMaxTerms) {
+            query.terms.push_back(candidate.word);
+            const double df = static_cast<double>(candidate.df.files);
+            query.term_idf.push_back(std::log((files - df + 0.5) / (df + 0.5) + 1.0));
+        }
         if (candidate.df.symbols == 0 || static_cast<double>(candidate.df.symbols) > kMaxSymbolShare * n) continue;
         if (query.symbol_terms.size() >= kMaxSymbolTerms) continue;
         if (postings + candidate.df.symbols > kMaxPostings && !query.symbol_terms.empty()) continue;

@@ -166,7 +166,7 @@ Workspace::OpenIndex* Workspace::current_index() {
     auto index = std::make_unique<OpenIndex>();
     index->identity = *identity;
     index->repository = std::make_unique<SqliteRepository>(index_path_);
-    if (options_.use_retriever) index->retriever = make_retriever(*index->repository);
+    if (options_.use_retriever) index->retriever = make_retriever(*index->repository, options_.repo);
     index->builder = std::make_unique<ContextBuilder>(*index->repository, index->retriever.get(),
                                                       ContextBuilderOptions{.list_tests = options_.list_tests});
     open_ = std::move(index);

@@ -74,6 +74,9 @@ TEST_F(HybridRetrieverTest, TracesAndParaphrasesLeadToTheirSymbol) {
          "  File \"/srv/app/main.py\", line 3, in <module>\n"
          "  File \"/srv/app/python/shop/cart.py\", line 55, in add\nshop.cart.CartError: cart is full",
          "python.shop.cart.Cart.add"},
+        {"python frame whose line has moved to another function",
+         "Traceback (most recent call last):\n  File \"python/shop/cart.py\", line 60, in add\nshop.cart.CartError: cart is full",
+         "python.shop.cart.Cart.add"},
         {"javascript frame", "TypeError: x is undefined\n    at round (/srv/web/src/math.js:9:10)\n    at main (/srv/run.js:1:1)",
          "web.src.math.round"},
         {"java frame", "java.lang.IllegalArgumentException: too much stock\n\tat com.example.Inventory.add(Inventory.java:27)",

@@ -30,6 +30,8 @@ struct RetrievalQuery {
     // the files' text (a few thousand rows), the rarest for the symbols' text, where every
     // row a word matches is scored.
     std::vector<std::string> terms;
+    // The inverse document frequency of each of `terms` over the index's files.
+    std::vector<double> term_idf;
     std::vector<std::string> symbol_terms;
     // The FTS5 queries over them: the words ORed, test files' rows left out unless wanted.
     std::string file_match;
@@ -38,6 +40,11 @@ struct RetrievalQuery {
     std::vector<std::string> names;
     TaskMentions mentions;
 };
+
+// Symbols that rarely hold the code a task changes: variables, constants, fields, and
+// properties of a line or two (a property with a body of its own, a Python getter say, is a
+// method in all but name).
+bool is_minor_symbol(std::string_view kind, std::int64_t start_line, std::int64_t end_line);
 
 // What the retriever knows of a symbol while it ranks.
 struct CandidateSymbol {

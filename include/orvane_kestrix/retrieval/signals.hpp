@@ -1,9 +1,16 @@
 #pragma once
 // The retriever's signals (retrieval_signal.hpp), in the order the fusion runs them.
 
+#include <filesystem>
+#include <memory>
+#include <optional>
 #include <string_view>
 
 #include "orvane_kestrix/retrieval/retrieval_signal.hpp"
+
+namespace orvane_kestrix {
+class RootDirectory;
+}
 
 namespace orvane_kestrix::retrieval {
 
@@ -34,6 +41,28 @@ class SymbolTextSignal final : public RetrievalSignal {
 public:
     std::string_view name() const override { return "symbol text"; }
     SignalScores score(const RetrievalQuery& query, RetrievalContext& context) override;
+};
+
+// BM25 over the lines of each symbol of the leading files (the files the earlier signals rank
+// highest), read from the working tree: the words a symbol's body uses, with their counts, and
+// its name counted twice. The full-text tables hold each body word once and only the rarest
+// task words are searched there; within a few files every task word and every repeat can be
+// weighed, which tells the function a task is about from its neighbours. Files whose size
+// differs from the indexed one (edited since) are left out: their line ranges no longer hold.
+class SymbolBodySignal final : public RetrievalSignal {
+public:
+    static constexpr std::size_t kLeadingFiles = 8;
+    // Larger files cost more to read than their symbols' ranking is worth.
+    static constexpr std::uint64_t kMaxFileBytes = 2 * 1024 * 1024;
+
+    // `root`: the repository the index describes; absent, the signal cannot run.
+    explicit SymbolBodySignal(std::optional<std::filesystem::path> root);
+    ~SymbolBodySignal() override;
+    std::string_view name() const override { return "symbol bodies"; }
+    SignalScores score(const RetrievalQuery& query, RetrievalContext& context) override;
+
+private:
+    std::unique_ptr<RootDirectory> root_;
 };
 
 // Spreads the best hits so far over the reference graph: the callers and callees of the

@@ -1,15 +1,16 @@
 #pragma once
 // The retriever over the SQLite index: ranks a task's symbols by fusing the signals of
-// signals.hpp (mentions, file text, symbol text, the reference graph, a fan-in prior) with the
-// weights of fusion.hpp, then orders the hits by score with one constraint: a pack holds what
+// signals.hpp (mentions, file text, symbol text, the leading files' symbol bodies, the reference
+// graph, a fan-in prior) with the weights of fusion.hpp, then orders the hits by score with one constraint: a pack holds what
 // its budget allows and lists the files of the rows it holds, so the best symbol of each of the
 // kLeadingFiles best files (files ranked by their best symbol) must fit within a default
 // budget (kAssumedBudget). A hit that would leave too little for the leading files not yet
 // represented waits behind their representatives. Larger budgets simply hold more.
 //
-// Score adjustments before that order: test files rank only when the task is about tests;
-// kinds that rarely hold the code a task changes (variables, constants, fields, properties)
-// count kMinorKindFactor of their score; files outside the production code (documentation,
+// Score adjustments before that order: test files rank only when the task is about tests, and
+// then below the code they test (kTestFileFactor); kinds that rarely hold the code a task
+// changes (variables, constants, fields, one-line properties) count kMinorKindFactor of their
+// score; longer definitions a little more (kLengthExponent); files outside the production code (documentation,
 // examples, benchmarks, scripts, vendored code) kOutsideProductionFactor; a symbol whose pack
 // row would take most of a default budget (a long docstring) counts less, so that a cheaper
 // symbol of its file represents the file.
@@ -18,7 +19,9 @@
 // that.
 
 #include <cstdint>
+#include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "orvane_kestrix/retrieval/fusion.hpp"
@@ -31,6 +34,11 @@ namespace orvane_kestrix::retrieval {
 class SqliteHybridRetriever final : public HybridRetriever {
 public:
     static constexpr double kMinorKindFactor = 0.5;
+    // Test files, when the task is about tests: such tasks mostly change the code under test too.
+    static constexpr double kTestFileFactor = 0.4;
+    // A definition of n lines scores (n + 1)^kLengthExponent times more: a weak prior that
+    // longer definitions hold the code a change touches.
+    static constexpr double kLengthExponent = 0.1;
     // Documentation, examples, benchmarks, scripts, vendored code and build configuration.
     static constexpr double kOutsideProductionFactor = 0.3;
     // Files that should each have a row within a default pack (kAssumedBudget tokens, what
@@ -41,8 +49,10 @@ public:
     static constexpr std::size_t kRepresentedFiles = 6;
 
     // Borrows the index connection (and the tokenizer; null: default_tokenizer()), which must
-    // outlive the retriever. Reads the index's file list once.
-    explicit SqliteHybridRetriever(storage::Database& db, Tokenizer* tokenizer = nullptr);
+    // outlive the retriever. Reads the index's file list once. `root`, the repository the index
+    // describes, lets it read the leading files' text; without it that signal is left out.
+    explicit SqliteHybridRetriever(storage::Database& db, std::optional<std::filesystem::path> root = std::nullopt,
+                                   Tokenizer* tokenizer = nullptr);
 
     RetrievalResult retrieve(const std::string& task, std::int64_t limit, bool include_tests) override;
 
@@ -54,12 +64,13 @@ private:
     Tokenizer& tokenizer_;
     bool has_tables_ = false;
     std::int64_t indexed_symbols_ = 0;
+    std::int64_t indexed_files_ = 0;
     IndexCatalog catalog_;
     WeightedFusion fusion_;
     storage::Statement symbol_frequency_, file_frequency_;
 };
 
 // The signals and weights the retriever fuses (fusion.hpp).
-WeightedFusion default_fusion();
+WeightedFusion default_fusion(std::optional<std::filesystem::path> root);
 
 }  // namespace orvane_kestrix::retrieval

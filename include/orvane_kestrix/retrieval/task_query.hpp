@@ -32,6 +32,6 @@ struct WordFrequency {
 
 RetrievalQuery make_task_query(const std::string& task, bool include_tests, Tokenizer& tokenizer,
                                const std::function<WordFrequency(const std::string&)>& frequency,
-                               std::int64_t indexed_symbols);
+                               std::int64_t indexed_symbols, std::int64_t indexed_files);
 
 }  // namespace orvane_kestrix::retrieval

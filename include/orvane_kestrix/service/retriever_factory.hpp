@@ -1,6 +1,7 @@
 #pragma once
 // The one place that decides which retriever ranks a task's symbols over an opened index.
 
+#include <filesystem>
 #include <memory>
 
 #include "orvane_kestrix/storage/sqlite_repository.hpp"
@@ -10,6 +11,7 @@ namespace orvane_kestrix::service {
 
 // The retriever over `repository`'s index, or null when the index offers none (packs are then
 // seeded by the task's names alone). The retriever may keep `repository` for its whole life.
-std::unique_ptr<HybridRetriever> make_retriever(SqliteRepository& repository);
+// `repo` is the repository the index describes, whose files the retriever may read.
+std::unique_ptr<HybridRetriever> make_retriever(SqliteRepository& repository, const std::filesystem::path& repo);
 
 }  // namespace orvane_kestrix::service

@@ -1,0 +1,185 @@
+#include <algorithm>
+#include <unordered_map>
+
+#include "orvane_kestrix/beneath_root.hpp"
+#include "orvane_kestrix/regular_file.hpp"
+#include "orvane_kestrix/retrieval/search_words.hpp"
+#include "orvane_kestrix/retrieval/signals.hpp"
+#include "orvane_kestrix/storage/repository_fan_in.hpp"
+
+namespace orvane_kestrix::retrieval {
+
+namespace {
+
+constexpr double kK1 = 1.2;
+constexpr double kB = 0.75;
+constexpr int kNameRepeats = 2;
+
+struct BodySymbol {
+    std::int64_t id = 0;
+    std::int64_t file_id = 0;
+    std::int64_t start_line = 1;
+    std::int64_t end_line = 1;
+    bool class_like = false;
+    std::string name;
+    std::unordered_map<std::string, int> counts;
+    std::int64_t length = 0;
+};
+
+bool is_class_like(std::string_view kind) {
+    return kind == "class" || kind == "interface" || kind == "struct" || kind == "trait" || kind == "enum" ||
+           kind == "module" || kind == "impl";
+}
+
+// Offsets of the start of each line (1-based line n starts at starts[n - 1]).
+std::vector<std::size_t> line_starts(const std::string& text) {
+    std::vector<std::size_t> starts{0};
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '\n') starts.push_back(i + 1);
+    }
+    return starts;
+}
+
+// The files the signals so far rank highest: each by the better of its own score and its
+// best symbol's.
+std::vector<std::int64_t> leading_files(const RetrievalContext& context, const RetrievalQuery& query, std::size_t count) {
+    std::unordered_map<std::int64_t, double> best = context.file_fused;
+    for (const auto& [id, score] : context.fused) {
+        if (const CandidateSymbol* symbol = context.find(id)) {
+            double& file = best[symbol->file_id];
+            file = std::max(file, score);
+        }
+    }
+    std::vector<std::pair<double, std::int64_t>> files;
+    for (const auto& [file, score] : best) {
+        const CatalogFile* entry = context.catalog.file(file);
+        if (entry == nullptr || !entry->is_source || (entry->is_test && !query.include_tests)) continue;
+        files.emplace_back(score, file);
+    }
+    std::sort(files.begin(), files.end(),
+              [](const auto& a, const auto& b) { return a.first > b.first || (a.first == b.first && a.second < b.second); });
+    std::vector<std::int64_t> out;
+    for (std::size_t i = 0; i < files.size() && i < count; ++i) out.push_back(files[i].second);
+    return out;
+}
+
+}  // namespace
+
+SymbolBodySignal::SymbolBodySignal(std::optional<std::filesystem::path> root) {
+    if (root) root_ = std::make_unique<RootDirectory>(*root);
+}
+
+SymbolBodySignal::~SymbolBodySignal() = default;
+
+SignalScores SymbolBodySignal::score(const RetrievalQuery& query, RetrievalContext& context) {
+    SignalScores out;
+    if (root_ == nullptr || !root_->is_open()) {
+        out.unavailable = "the repository's files cannot be read";
+        return out;
+    }
+    if (query.terms.empty()) return out;
+    const std::vector<std::int64_t> files = leading_files(context, query, kLeadingFiles);
+    if (files.empty()) return out;
+
+    std::unordered_map<std::string_view, double> idf;
+    for (std::size_t i = 0; i < query.terms.size() && i < query.term_idf.size(); ++i) idf[query.terms[i]] = query.term_idf[i];
+
+    // The symbols of the leading files, each file's in line order.
+    std::unordered_map<std::int64_t, std::vector<BodySymbol>> by_file;
+    std::unordered_map<std::int64_t, std::int64_t> indexed_size;
+    {
+        const std::string list = storage::json_array(files);
+        storage::Statement sizes(context.db, "SELECT f.id, f.size FROM json_each(?1) AS j CROSS JOIN files AS f ON f.id = j.value");
+        sizes.bind_static(1, list);
+        while (sizes.step()) indexed_size[sizes.column_int64(0)] = sizes.column_int64(1);
+        storage::Statement symbols(context.db,
+                                   "SELECT s.id, s.file_id, s.kind, s.start_line, s.end_line, s.name FROM json_each(?1) AS j "
+                                   "CROSS JOIN symbols AS s ON s.file_id = j.value ORDER BY s.file_id, s.start_line, s.id");
+        symbols.bind_static(1, list);
+        while (symbols.step()) {
+            const std::string kind = symbols.column_string(2);
+            BodySymbol symbol;
+            symbol.start_line = symbols.column_int64(3);
+            symbol.end_line = std::max(symbol.start_line, symbols.column_int64(4));
+            if (is_minor_symbol(kind, symbol.start_line, symbol.end_line)) continue;
+            symbol.id = symbols.column_int64(0);
+            symbol.file_id = symbols.column_int64(1);
+            symbol.class_like = is_class_like(kind);
+            symbol.name = symbols.column_string(5);
+            by_file[symbol.file_id].push_back(std::move(symbol));
+        }
+    }
+
+    std::vector<BodySymbol*> scored;
+    std::int64_t total_length = 0;
+    std::string text;
+    for (std::int64_t file_id : files) {
+        auto found = by_file.find(file_id);
+        const CatalogFile* entry = context.catalog.file(file_id);
+        if (found == by_file.end() || entry == nullptr) continue;
+        const FileReadResult read = read_regular_file(*root_, entry->path, text, kMaxFileBytes);
+        if (read.status != FileReadStatus::ok || static_cast<std::int64_t>(text.size()) != indexed_size[file_id]) continue;
+        const std::vector<std::size_t> starts = line_starts(text);
+        const auto line_count = static_cast<std::int64_t>(starts.size());
+        std::vector<BodySymbol>& symbols = found->second;
+        for (BodySymbol& symbol : symbols) {
+            if (symbol.start_line < 1 || symbol.start_line > line_count) continue;
+            // A class-like symbol stands for its own lines: its members are rows of their own.
+            std::vector<std::pair<std::int64_t, std::int64_t>> members;
+            if (symbol.class_like) {
+                for (const BodySymbol& other : symbols) {
+                    if (&other != &symbol && other.start_line > symbol.start_line && other.start_line <= symbol.end_line) {
+                        members.emplace_back(other.start_line, other.end_line);
+                    }
+                }
+            }
+            auto count_words = [&](std::string_view part) {
+                for_each_search_word(part, [&](std::string_view word, bool) {
+                    if (!idf.contains(word)) {
+                        ++symbol.length;
+                        return;
+                    }
+                    ++symbol.counts[std::string(word)];
+                    ++symbol.length;
+                });
+            };
+            const std::int64_t last = std::min(symbol.end_line, line_count);
+            for (std::int64_t line = symbol.start_line; line <= last;) {
+                auto inside = std::find_if(members.begin(), members.end(),
+                                           [&](const auto& m) { return line >= m.first && line <= m.second; });
+                if (inside != members.end()) {
+                    line = inside->second + 1;
+                    continue;
+                }
+                const std::size_t from = starts[static_cast<std::size_t>(line - 1)];
+                const std::size_t to = line < line_count ? starts[static_cast<std::size_t>(line)] : text.size();
+                count_words(std::string_view(text).substr(from, to - from));
+                ++line;
+            }
+            for (int i = 0; i < kNameRepeats; ++i) count_words(symbol.name);
+            total_length += symbol.length;
+            scored.push_back(&symbol);
+        }
+    }
+    if (scored.empty()) return out;
+
+    const double average = std::max(1.0, static_cast<double>(total_length) / static_cast<double>(scored.size()));
+    double best = 0;
+    std::vector<std::pair<std::int64_t, double>> scores;
+    for (const BodySymbol* symbol : scored) {
+        double sum = 0;
+        const double norm = kK1 * (1 - kB + kB * static_cast<double>(symbol->length) / average);
+        for (const auto& [word, tf] : symbol->counts) {
+            const double f = tf;
+            sum += idf[word] * f * (kK1 + 1) / (f + norm);
+        }
+        if (sum <= 0) continue;
+        best = std::max(best, sum);
+        scores.emplace_back(symbol->id, sum);
+    }
+    if (best <= 0) return out;
+    for (const auto& [id, sum] : scores) out.symbols[id] = sum / best;
+    return out;
+}
+
+}  // namespace orvane_kestrix::retrieval
