@@ -3,14 +3,14 @@
 #include <algorithm>
 #include <charconv>
 #include <atomic>
-#include <fstream>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <unordered_map>
 #include <vector>
 
+#include "orvane_kestrix/beneath_root.hpp"
+#include "orvane_kestrix/regular_file.hpp"
 #include "orvane_kestrix/retrieval/search_words.hpp"
 
 namespace orvane_kestrix::retrieval {
@@ -27,6 +27,8 @@ namespace {
 // rows have no state row.
 constexpr std::int64_t kMinStaleForRebuild = 2000;
 constexpr const char* kStaleRowsKey = "retrieval_stale_rows";
+// Larger files are far past any size the indexer reads; their rows keep only names and docs.
+constexpr std::uint64_t kMaxDescribedBytes = 256u * 1024 * 1024;
 constexpr const char* kLastDocKey = "retrieval_last_doc_id";
 
 constexpr const char* kTables = R"sql(
@@ -96,12 +98,12 @@ bool leads_member(std::string_view line) {
     return false;
 }
 
-std::optional<std::string> read_text(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return std::nullopt;
-    std::ostringstream text;
-    text << in.rdbuf();
-    return std::move(text).str();
+// The text of a file beneath the root; a path that leads out of it (a link swapped in since the
+// file was indexed) reads as nothing.
+std::optional<std::string> read_text(const RootDirectory& root, const std::string& path) {
+    std::string text;
+    if (read_regular_file(root, path, text, kMaxDescribedBytes).status != FileReadStatus::ok) return std::nullopt;
+    return text;
 }
 
 // A file's search words, each distinct word stored once, and the line of every occurrence.
@@ -201,7 +203,7 @@ private:
 };
 
 // Builds the rows of one file: the file's own and one per symbol.
-void describe(const fs::path& root, FileJob& job) {
+void describe(const RootDirectory& root, FileJob& job) {
     job.path_words = search_document(job.path);
     if (job.is_test) {
         job.path_words += ' ';
@@ -220,7 +222,7 @@ void describe(const fs::path& root, FileJob& job) {
         if (symbol.signature) row.signature = search_document(*symbol.signature, 1);
         if (symbol.docstring) row.doc = search_document(*symbol.docstring, 1);
     }
-    const auto text = read_text(root / job.path);
+    const auto text = read_text(root, job.path);
     if (!text) return;
     FileWords words(*text);
     job.file_body = words.file_document();
@@ -248,7 +250,8 @@ void describe(const fs::path& root, FileJob& job) {
     }
 }
 
-void describe_all(const fs::path& root, std::vector<FileJob>& jobs, unsigned threads) {
+void describe_all(const fs::path& root_path, std::vector<FileJob>& jobs, unsigned threads) {
+    const RootDirectory root(root_path);
     if (threads == 0) threads = std::max(1u, std::thread::hardware_concurrency());
     threads = static_cast<unsigned>(std::min<std::size_t>(threads, std::max<std::size_t>(1, jobs.size())));
     std::atomic<std::size_t> next{0};

@@ -22,8 +22,40 @@ struct BodySymbol {
     std::int64_t end_line = 1;
     bool class_like = false;
     std::string name;
-    std::unordered_map<std::string, int> counts;
+    std::unordered_map<std::uint32_t, int> counts;  // index into the query's terms -> occurrences
     std::int64_t length = 0;
+};
+
+// What one identifier contributes: its number of search words, and which of the task's words
+// are among them. Code repeats its identifiers, so each is split and stemmed once per call.
+struct IdentifierWords {
+    std::uint32_t words = 0;
+    std::vector<std::uint32_t> terms;
+};
+
+struct StringHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
+};
+
+class IdentifierMemo {
+public:
+    explicit IdentifierMemo(const std::unordered_map<std::string_view, std::uint32_t>& terms) : terms_(terms) {}
+
+    const IdentifierWords& words_of(std::string_view identifier) {
+        if (auto found = memo_.find(identifier); found != memo_.end()) return found->second;
+        IdentifierWords words;
+        // One identifier, split: scan_identifiers hands over whole runs, so this splits it.
+        for_each_search_word(identifier, [&](std::string_view word, bool) {
+            ++words.words;
+            if (auto term = terms_.find(word); term != terms_.end()) words.terms.push_back(term->second);
+        });
+        return memo_.emplace(std::string(identifier), std::move(words)).first->second;
+    }
+
+private:
+    const std::unordered_map<std::string_view, std::uint32_t>& terms_;
+    std::unordered_map<std::string, IdentifierWords, StringHash, std::equal_to<>> memo_;
 };
 
 bool is_class_like(std::string_view kind) {
@@ -81,8 +113,9 @@ SignalScores SymbolBodySignal::score(const RetrievalQuery& query, RetrievalConte
     const std::vector<std::int64_t> files = leading_files(context, query, kLeadingFiles);
     if (files.empty()) return out;
 
-    std::unordered_map<std::string_view, double> idf;
-    for (std::size_t i = 0; i < query.terms.size() && i < query.term_idf.size(); ++i) idf[query.terms[i]] = query.term_idf[i];
+    std::unordered_map<std::string_view, std::uint32_t> term_index;
+    for (std::size_t i = 0; i < query.terms.size() && i < query.term_idf.size(); ++i) term_index.emplace(query.terms[i], static_cast<std::uint32_t>(i));
+    IdentifierMemo memo(term_index);
 
     // The symbols of the leading files, each file's in line order.
     std::unordered_map<std::int64_t, std::vector<BodySymbol>> by_file;
@@ -134,13 +167,15 @@ SignalScores SymbolBodySignal::score(const RetrievalQuery& query, RetrievalConte
                 }
             }
             auto count_words = [&](std::string_view part) {
-                for_each_search_word(part, [&](std::string_view word, bool) {
-                    if (!idf.contains(word)) {
-                        ++symbol.length;
-                        return;
-                    }
-                    ++symbol.counts[std::string(word)];
-                    ++symbol.length;
+                struct Sink {
+                    IdentifierMemo& memo;
+                    BodySymbol& symbol;
+                } sink{memo, symbol};
+                detail::scan_identifiers(part, &sink, [](void* context, std::string_view identifier) {
+                    auto& [memo, symbol] = *static_cast<Sink*>(context);
+                    const IdentifierWords& words = memo.words_of(identifier);
+                    symbol.length += words.words;
+                    for (std::uint32_t term : words.terms) ++symbol.counts[term];
                 });
             };
             const std::int64_t last = std::min(symbol.end_line, line_count);
@@ -169,9 +204,9 @@ SignalScores SymbolBodySignal::score(const RetrievalQuery& query, RetrievalConte
     for (const BodySymbol* symbol : scored) {
         double sum = 0;
         const double norm = kK1 * (1 - kB + kB * static_cast<double>(symbol->length) / average);
-        for (const auto& [word, tf] : symbol->counts) {
+        for (const auto& [term, tf] : symbol->counts) {
             const double f = tf;
-            sum += idf[word] * f * (kK1 + 1) / (f + norm);
+            sum += query.term_idf[term] * f * (kK1 + 1) / (f + norm);
         }
         if (sum <= 0) continue;
         best = std::max(best, sum);

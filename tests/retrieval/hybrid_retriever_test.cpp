@@ -3,6 +3,7 @@
 // that its tables follow the files as they change.
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <stdlib.h>
 
@@ -203,6 +204,20 @@ TEST_F(HybridRetrieverTest, TablesFollowTheFiles) {
     index_into(repo_, db_);
     EXPECT_GT(consistent(), stale_after_edit);
     for (const auto& fqn : hit_fqns(task)) EXPECT_EQ(fqn.find("python.shop.cart."), std::string::npos) << fqn;
+}
+
+TEST_F(HybridRetrieverTest, TablesReadNothingThroughALinkOutOfTheRoot) {
+    // Indexed without the tables; then a source file becomes a link to a file outside the
+    // root before the tables are made: its words must not reach them.
+    index_into(repo_, db_, /*retrieval_tables=*/false);
+    std::ofstream(dir_ / "outside.py") << "def zebrafinch_secret():\n    return 'quokkaword'\n";
+    const fs::path cart = repo_ / "python" / "shop" / "cart.py";
+    fs::remove(cart);
+    fs::create_symlink(dir_ / "outside.py", cart);
+    storage::Database db(db_, SQLITE_OPEN_READWRITE);
+    retrieval::refresh_retrieval_tables(db, repo_, 1);
+    EXPECT_EQ(db.scalar_int("SELECT count(*) FROM retrieval_file_vocab WHERE term IN ('quokkaword', 'zebrafinch')"), 0);
+    EXPECT_GT(db.scalar_int("SELECT count(*) FROM retrieval_file_vocab WHERE term = 'inventory'"), 0);
 }
 
 }  // namespace

@@ -22,7 +22,7 @@ inline constexpr std::size_t kMaxCandidateWords = 256;
 inline constexpr std::size_t kMaxTerms = 200;
 inline constexpr std::size_t kMaxSymbolTerms = 24;
 inline constexpr double kMaxSymbolShare = 0.2;
-inline constexpr std::int64_t kMaxPostings = 60000;
+inline constexpr std::int64_t kMaxPostings = 15000;
 
 // How many symbols and files hold a search word.
 struct WordFrequency {
