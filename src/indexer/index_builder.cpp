@@ -19,6 +19,7 @@
 
 #include "orvane_kestrix/indexer/file_classification.hpp"
 #include "orvane_kestrix/indexer/file_walker.hpp"
+#include "orvane_kestrix/indexer/generated_file.hpp"
 #include "orvane_kestrix/indexer/index_store.hpp"
 #include "orvane_kestrix/indexer/resolution.hpp"
 #include "orvane_kestrix/beneath_root.hpp"
@@ -158,7 +159,7 @@ ExtractFunction tree_sitter_extractor(const std::atomic<bool>* cancel) {
 
 // Reads, checks and parses one file on a worker thread.
 WorkResult process(const RootDirectory& root, const Candidate& candidate, std::size_t index, std::uint64_t max_size,
-                   std::int64_t run_start_ns, bool force_parse, ExtractFunction& extract) {
+                   std::int64_t run_start_ns, bool force_parse, bool include_generated, ExtractFunction& extract) {
     WorkResult result;
     result.candidate = index;
     std::string bytes;
@@ -174,6 +175,12 @@ WorkResult process(const RootDirectory& root, const Candidate& candidate, std::s
     if (std::memchr(bytes.data(), 0, std::min(bytes.size(), kBinaryProbe)) != nullptr) {
         result.reason = "binary";
         return result;
+    }
+    if (!include_generated) {
+        if (const MachineWritten kind = machine_written(bytes, candidate.facts.language); kind != MachineWritten::no) {
+            result.reason = skip_reason(kind);
+            return result;
+        }
     }
     std::string hash = content_hash(bytes);
     if (!force_parse && candidate.stored != nullptr && candidate.stored->content_hash == hash &&
@@ -257,7 +264,7 @@ std::string utc_now() {
 class IndexRun {
 public:
     explicit IndexRun(const IndexOptions& options)
-        : options_(options), root_(options.repo), db_path_(options.db.value_or(default_index_path(root_))) {}
+        : options_(options), root_(options.repo), db_path_(storage::index_file_behind_links(options.db.value_or(default_index_path(root_)))) {}
 
     ~IndexRun() {
         if (discard_on_exit_) storage::remove_index_files(work_path_);
@@ -277,6 +284,7 @@ public:
             if (!stats_.cancelled) {
                 remove_gone_files();
                 if (marked_stale_ || derived_stale_ || reparse_all_) refresh_derived();
+                record_generated_choice();
             }
             if (std::none_of(stats_.timings.begin(), stats_.timings.end(), [](const auto& t) { return t.first == "parse"; })) {
                 lap("parse");
@@ -347,6 +355,10 @@ private:
         // first build that stops half way is continued, not started again.
         if (stored_.empty()) storage::write_meta(db_, storage::meta_key::parser_revision, kParserRevision);
         reparse_all_ = storage::read_meta(db_, storage::meta_key::parser_revision).value_or("") != kParserRevision;
+        // Likewise the choice of machine-written files, which every file of an empty index follows.
+        if (stored_.empty()) storage::write_meta(db_, storage::meta_key::generated_files, generated_choice());
+        recorded_generated_choice_ = storage::read_meta(db_, storage::meta_key::generated_files).value_or("indexed");
+        recheck_unchanged_ = recorded_generated_choice_ != generated_choice();
         derived_stale_ = storage::read_meta(db_, storage::meta_key::derived_stale).value_or("1") != "0" ||
                          storage::read_meta(db_, storage::meta_key::packages).value_or("") != package_text_;
     }
@@ -395,7 +407,7 @@ private:
                 continue;
             }
             const StoredFile* old = candidate.stored;
-            if (!reparse_all_ && old != nullptr && old->mtime_ns != -1 && old->mtime_ns == mtime_of(st) &&
+            if (!reparse_all_ && !recheck_unchanged_ && old != nullptr && old->mtime_ns != -1 && old->mtime_ns == mtime_of(st) &&
                 old->size == static_cast<std::int64_t>(st.st_size) && old->language == language_name(candidate.facts.language)) {
                 ++stats_.unchanged;
                 kept_.insert(candidate.facts.path);
@@ -453,7 +465,7 @@ private:
                 if (slot >= to_read_.size() || cancelled()) break;
                 const std::size_t index = to_read_[slot];
                 WorkResult result = process(root_directory_, candidates_[index], index, options_.max_file_size, run_start_ns_,
-                                            reparse_all_, extract);
+                                            reparse_all_, options_.include_generated, extract);
                 if (!queue.push(std::move(result))) break;
             }
         } catch (...) {
@@ -554,6 +566,17 @@ private:
         progress("resolving", 1, 1);
     }
 
+    // Whether this run indexes machine-written files, as recorded in the index.
+    std::string_view generated_choice() const { return options_.include_generated ? "indexed" : "skipped"; }
+
+    // Recorded once every file has been judged under the choice, so that later runs trust
+    // unchanged files again.
+    void record_generated_choice() {
+        if (recorded_generated_choice_ != generated_choice()) {
+            storage::write_meta(db_, storage::meta_key::generated_files, generated_choice());
+        }
+    }
+
     // Tables another module keeps in the index (the retriever's), brought up to date last.
     void refresh_extra_tables() {
         options_.refresh_extra_tables(db_, root_, options_.jobs);
@@ -611,6 +634,8 @@ private:
     std::unordered_map<std::string, StoredFile> stored_;
     bool reparse_all_ = false;
     bool derived_stale_ = false;
+    std::string recorded_generated_choice_;
+    bool recheck_unchanged_ = false;  // files unchanged on disk are read again all the same
 
     // select_candidates, find_changed_files
     std::vector<Candidate> candidates_;

@@ -87,6 +87,7 @@ constexpr std::array kLanguages{
         .family = Language::python,
         .tests = {.file_names = kConftest, .prefixes = kTestPrefix, .suffixes = kTestSuffix},
         .imports = {.module_paths = ModulePaths::python_modules, .package_files = kPythonPackageFiles},
+        .comments = Comments::hash_docstrings,
     },
     LanguageSpec{
         .language = Language::javascript,
@@ -97,6 +98,7 @@ constexpr std::array kLanguages{
         .family = Language::javascript,
         .tests = kScriptTests,
         .imports = kRelativeImports,
+        .comments = Comments::c_style,
     },
     LanguageSpec{
         .language = Language::typescript,
@@ -107,6 +109,7 @@ constexpr std::array kLanguages{
         .family = Language::javascript,
         .tests = kScriptTests,
         .imports = kRelativeImports,
+        .comments = Comments::c_style,
     },
     LanguageSpec{
         .language = Language::tsx,
@@ -117,6 +120,7 @@ constexpr std::array kLanguages{
         .family = Language::javascript,
         .tests = kScriptTests,
         .imports = kRelativeImports,
+        .comments = Comments::c_style,
     },
     LanguageSpec{
         .language = Language::go,
@@ -127,6 +131,7 @@ constexpr std::array kLanguages{
         .family = Language::go,
         .tests = {.suffixes = kTestSuffix},
         .imports = {.module_paths = ModulePaths::go_packages, .submodule_separator = "/", .package_is_directory = true},
+        .comments = Comments::c_style,
     },
     LanguageSpec{
         .language = Language::rust,
@@ -137,6 +142,7 @@ constexpr std::array kLanguages{
         .family = Language::rust,
         .tests = {.suffixes = kTestSuffix},
         .imports = {.module_paths = ModulePaths::rust_paths, .package_files = kRustPackageFiles, .submodule_separator = "::"},
+        .comments = Comments::c_style,
     },
     LanguageSpec{
         .language = Language::java,
@@ -147,6 +153,7 @@ constexpr std::array kLanguages{
         .family = Language::java,
         .tests = {.prefixes = kCamelTestPrefix, .suffixes = kCamelTestSuffixes, .camel_case = true},
         .imports = {.module_paths = ModulePaths::dotted, .package_is_directory = true, .bare_names_reach_members = true},
+        .comments = Comments::c_style,
     },
     LanguageSpec{
         .language = Language::c,
@@ -157,6 +164,7 @@ constexpr std::array kLanguages{
         .family = Language::c,
         .tests = kCTests,
         .imports = kCImports,
+        .comments = Comments::c_style,
     },
     LanguageSpec{
         .language = Language::cpp,
@@ -167,6 +175,7 @@ constexpr std::array kLanguages{
         .family = Language::c,
         .tests = kCTests,
         .imports = kCImports,
+        .comments = Comments::c_style,
     },
     LanguageSpec{
         .language = Language::ruby,
@@ -177,6 +186,7 @@ constexpr std::array kLanguages{
         .family = Language::ruby,
         .tests = {.prefixes = kTestPrefix, .suffixes = kRubyTestSuffixes},
         .imports = {.module_paths = ModulePaths::relative_files, .submodule_separator = "/", .bare_names_reach_members = true},
+        .comments = Comments::hash,
     },
     LanguageSpec{
         .language = Language::markdown,
@@ -186,6 +196,7 @@ constexpr std::array kLanguages{
         .family = Language::markdown,
         .tests = kNoTests,
         .imports = kNoImports,
+        .comments = Comments::html,
     },
     LanguageSpec{
         .language = Language::json,
@@ -195,6 +206,7 @@ constexpr std::array kLanguages{
         .family = Language::json,
         .tests = kNoTests,
         .imports = kNoImports,
+        .comments = Comments::none,
     },
     LanguageSpec{
         .language = Language::yaml,
@@ -204,6 +216,7 @@ constexpr std::array kLanguages{
         .family = Language::yaml,
         .tests = kNoTests,
         .imports = kNoImports,
+        .comments = Comments::hash,
     },
     LanguageSpec{
         .language = Language::toml,
@@ -213,6 +226,7 @@ constexpr std::array kLanguages{
         .family = Language::toml,
         .tests = kNoTests,
         .imports = kNoImports,
+        .comments = Comments::hash,
     },
 };
 
@@ -225,6 +239,7 @@ consteval bool table_is_complete() {
         const LanguageSpec& row = kLanguages[i];
         if (static_cast<std::size_t>(row.language) != i || row.name.empty() || row.extensions.empty()) return false;
         if (row.reading == Reading::unset || row.imports.module_paths == ModulePaths::unset) return false;
+        if (row.comments == Comments::unset) return false;
         const bool parsed = row.reading == Reading::parsed;
         if (parsed != row.parser.has_value()) return false;
         if (parsed == (row.imports.module_paths == ModulePaths::none)) return false;

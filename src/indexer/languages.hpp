@@ -41,6 +41,17 @@ enum class ModulePaths : std::uint8_t {
     none,            // nothing to resolve (documentation and data files)
 };
 
+// How comments are written, for what the opening comments of a file say about it (a
+// generated-file marker).
+enum class Comments : std::uint8_t {
+    unset,
+    hash,              // "# ..." (Ruby, YAML, TOML)
+    hash_docstrings,   // "# ..." and triple-quoted docstrings (Python)
+    c_style,           // "// ...", "/* ... */"; a "#!" line starts a script
+    html,              // "<!-- ... -->" (Markdown)
+    none,              // JSON
+};
+
 // How test files are named, beyond the directories every language shares (tests/, test/,
 // __tests__/, spec/). Markers apply to the file name without its extension and only to a
 // longer name ("test_.py" is no test).
@@ -89,6 +100,7 @@ struct LanguageSpec {
     Language family;
     TestNaming tests;
     ImportResolution imports;
+    Comments comments = Comments::unset;
 };
 
 // The row of a language.

@@ -146,6 +146,9 @@ IndexFollower::~IndexFollower() {
 void IndexFollower::start() {
     if (thread_.joinable()) return;
     stopping_.store(false);
+    // Calls answered before the thread reaches its first refresh (it sets up its watches
+    // first) wait for that refresh like those answered during it.
+    workspace_.expect_refresh();
     thread_ = std::thread([this] { run(); });
 }
 

@@ -284,7 +284,12 @@ indexer::IndexOptions index_options_with_retrieval(indexer::IndexOptions options
 }
 
 bool has_retrieval_tables(Database& db) {
-    if (!table_exists(db, "retrieval_symbol_text") || !table_exists(db, "retrieval_file_state")) return false;
+    // All of them: one dropped by hand makes the tables absent (remade by the next refresh),
+    // not a query that fails.
+    for (const char* table : {"retrieval_symbol_text", "retrieval_file_text", "retrieval_symbol_vocab",
+                              "retrieval_file_vocab", "retrieval_file_state"}) {
+        if (!table_exists(db, table)) return false;
+    }
     return storage::read_meta(db, kRetrievalRevisionKey).value_or("") == kRetrievalRevision;
 }
 

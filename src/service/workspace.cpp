@@ -32,9 +32,11 @@ std::optional<FileIdentity> identity_of(const fs::path& path) {
     return FileIdentity{st.st_dev, st.st_ino};
 }
 
-// Runs `body`, turning the index's own errors into the service's types (messages unchanged).
+// Runs `body`, turning the index's own errors into the service's types. Damage found by a
+// query (SQLite's bare "database disk image is malformed") is reported like damage found when
+// the file was opened: naming the file and the way out.
 template <typename Body>
-auto translating_index_errors(Body&& body) -> decltype(body()) {
+auto translating_index_errors(const fs::path& index_path, Body&& body) -> decltype(body()) {
     try {
         return body();
     } catch (const ServiceError&) {
@@ -42,7 +44,9 @@ auto translating_index_errors(Body&& body) -> decltype(body()) {
     } catch (const storage::IndexFileError& e) {
         throw DamagedIndexError(e.what());
     } catch (const storage::SqliteError& e) {
-        if (e.is_corruption()) throw DamagedIndexError(e.what());
+        if (e.is_corruption()) {
+            throw DamagedIndexError(storage::IndexFileError(index_path, std::string("damaged (") + e.what() + ")").what());
+        }
         throw IndexAccessError(e.what());
     } catch (const std::invalid_argument& e) {
         // The builder's one error of its own: a component the index does not have.
@@ -103,9 +107,11 @@ Workspace::Workspace(WorkspaceOptions options) : options_(std::move(options)) {
 Workspace::~Workspace() = default;
 
 bool Workspace::has_complete_index() const {
-    return translating_index_errors([&] {
+    return translating_index_errors(index_path_, [&] {
         std::error_code error;
         if (!fs::exists(index_path_, error)) return false;
+        // An empty file holds nothing to lose: a refresh makes the index in it.
+        if (fs::is_regular_file(index_path_, error) && fs::file_size(index_path_, error) == 0 && !error) return false;
         storage::Database database = storage::open_index(index_path_, {.read_only = true});
         return storage::read_meta(database, storage::meta_key::indexed_at).has_value();
     });
@@ -137,6 +143,7 @@ indexer::IndexStats Workspace::refresh(const std::function<void(const indexer::I
     options.repo = options_.repo;
     options.db = index_path_;
     options.jobs = options_.index_jobs;
+    options.include_generated = options_.include_generated;
     options.cancel = cancel;
     options.on_progress = [&](const indexer::IndexProgress& progress) {
         progress_.store(progress_percent(progress));
@@ -145,7 +152,14 @@ indexer::IndexStats Workspace::refresh(const std::function<void(const indexer::I
     };
     // Every refresh keeps the retriever's tables too, whether this workspace ranks with them or not.
     options = retrieval::index_options_with_retrieval(std::move(options));
-    return translating_index_errors([&] { return indexer::IndexBuilder(options).run(); });
+    return translating_index_errors(index_path_, [&] { return indexer::IndexBuilder(options).run(); });
+}
+
+void Workspace::expect_refresh() {
+    std::error_code error;
+    if (fs::exists(index_path_, error)) return;
+    progress_.store(0);
+    refreshing_.store(true);
 }
 
 IndexingStatus Workspace::indexing_status() const {
@@ -177,7 +191,7 @@ ContextPack Workspace::pack(PackRequest request) {
     if (request.include_snippets && !request.repo_root) request.repo_root = options_.repo;
     std::lock_guard lock(pack_mutex_);
     try {
-        return translating_index_errors([&] {
+        return translating_index_errors(index_path_, [&] {
             const IndexingStatus status = indexing_status();
             OpenIndex* index = current_index();
             if (index == nullptr) {

@@ -11,7 +11,9 @@
 #include <cerrno>
 #include <charconv>
 #include <optional>
+#include <set>
 #include <system_error>
+#include <vector>
 
 namespace orvane_kestrix::storage {
 
@@ -179,7 +181,8 @@ IndexFileError::IndexFileError(const std::filesystem::path& path, const std::str
 
 IndexPathIsDirectory::IndexPathIsDirectory(const std::filesystem::path& path)
     : std::runtime_error("index file " + path.string() +
-                         ": is a directory; give --db the path of a file (the index is one file)") {}
+                         ": is a directory, not an index (the index is one file); remove it, or give --db the path "
+                         "of a file") {}
 
 // ---- Database ----
 
@@ -406,6 +409,32 @@ void migrate(Database& db, std::int64_t from_version) {
     transaction.commit();
 }
 
+// The tables of an index at the current schema, read once from a schema made in memory.
+const std::vector<std::string>& current_tables() {
+    static const std::vector<std::string> tables = [] {
+        Database memory(":memory:", SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX);
+        memory.exec(kFileTables);
+        memory.exec(kContentTables);
+        std::vector<std::string> names;
+        Statement statement(memory, "SELECT name FROM sqlite_master WHERE type = 'table' ORDER BY name");
+        while (statement.step()) names.push_back(statement.column_string(0));
+        return names;
+    }();
+    return tables;
+}
+
+// The first table of the current schema that the file lacks (dropped by hand or by a tool),
+// if any: every query would otherwise fail with SQLite's own "no such table".
+std::optional<std::string> missing_table(Database& db) {
+    std::set<std::string> present;
+    Statement statement(db, "SELECT name FROM sqlite_master WHERE type = 'table'");
+    while (statement.step()) present.insert(statement.column_string(0));
+    for (const auto& name : current_tables()) {
+        if (present.count(name) == 0) return name;
+    }
+    return std::nullopt;
+}
+
 // Errors of a reader that cannot write the files SQLite keeps beside a database.
 bool cannot_write_beside(const SqliteError& e) {
     const int primary = e.code() & 0xff;
@@ -474,6 +503,13 @@ Database open_index(const std::filesystem::path& path, const IndexOpenOptions& o
                                        ", this build reads up to " + std::to_string(kIndexSchemaVersion) + ")");
     }
     if (!empty && state.user_version < 1) throw IndexFileError(path, "incomplete index (no schema version)");
+    if (state.user_version == kIndexSchemaVersion) {
+        try {
+            if (const auto table = missing_table(db)) throw IndexFileError(path, "incomplete index (table " + *table + " is missing)");
+        } catch (const SqliteError& e) {
+            throw IndexFileError(path, std::string("damaged (") + e.what() + ")");
+        }
+    }
 
     if (options.read_only) {
         if (empty) throw IndexFileError(path, "empty file, no index yet");
@@ -483,18 +519,29 @@ Database open_index(const std::filesystem::path& path, const IndexOpenOptions& o
         return db;
     }
 
-    if (options.unpublished) {
-        db.exec("PRAGMA journal_mode = OFF");
-        db.exec("PRAGMA synchronous = OFF");
-    } else {
-        db.exec("PRAGMA journal_mode = WAL");
-        db.exec("PRAGMA synchronous = NORMAL");
+    try {
+        if (options.unpublished) {
+            db.exec("PRAGMA journal_mode = OFF");
+            db.exec("PRAGMA synchronous = OFF");
+        } else {
+            db.exec("PRAGMA journal_mode = WAL");
+            db.exec("PRAGMA synchronous = NORMAL");
+        }
+    } catch (const SqliteError& e) {
+        if (e.is_corruption()) throw IndexFileError(path, std::string("damaged (") + e.what() + ")");
+        throw;
     }
     if (state.user_version < kIndexSchemaVersion) {
         try {
             migrate(db, state.user_version);
         } catch (const SqliteError& e) {
-            if (e.is_corruption()) throw IndexFileError(path, std::string("damaged (") + e.what() + ")");
+            // A file whose tables do not match its version (damaged, or altered by hand): the
+            // migration cannot bring it forward, and a new index can.
+            const int primary = e.code() & 0xff;
+            if (e.is_corruption() || primary == SQLITE_ERROR || primary == SQLITE_CONSTRAINT || primary == SQLITE_MISMATCH) {
+                throw IndexFileError(path, "cannot be brought to schema " + std::to_string(kIndexSchemaVersion) + " (" +
+                                               e.what() + ")");
+            }
             throw;
         }
     }
@@ -528,6 +575,21 @@ void publish_index(Database db, const std::filesystem::path& target) {
         std::filesystem::remove(std::filesystem::path(target.string() + suffix), error);
     }
     std::filesystem::rename(built, target);
+}
+
+std::filesystem::path index_file_behind_links(const std::filesystem::path& path) {
+    // Bounded like the kernel's own resolution, so that a loop of links ends (the open then
+    // reports it).
+    constexpr int kMaxLinks = 40;
+    std::filesystem::path current = path;
+    for (int hop = 0; hop < kMaxLinks; ++hop) {
+        std::error_code error;
+        if (!std::filesystem::is_symlink(std::filesystem::symlink_status(current, error))) return current;
+        const std::filesystem::path target = std::filesystem::read_symlink(current, error);
+        if (error) return current;
+        current = target.is_absolute() ? target : current.parent_path() / target;
+    }
+    return path;
 }
 
 std::filesystem::path unpublished_index_path(const std::filesystem::path& target) {

@@ -17,6 +17,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "support/kestrix_tool.hpp"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -24,24 +26,8 @@ using Json = nlohmann::json;
 
 const fs::path kSample = fs::path(KESTRIX_TEST_DATA) / "sample_repo";
 
-std::string read_file(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream buffer;
-    buffer << in.rdbuf();
-    return buffer.str();
-}
-
-std::string quoted(const std::string& text) {
-    std::string out = "'";
-    for (const char c : text) {
-        if (c == '\'') {
-            out += "'\\''";
-        } else {
-            out.push_back(c);
-        }
-    }
-    return out + "'";
-}
+using orvane_kestrix::testing::read_whole_file;
+using orvane_kestrix::testing::shell_quoted;
 
 struct ToolRun {
     int status = -1;
@@ -72,14 +58,14 @@ protected:
 
     // Runs the tool with `arguments` (each quoted) from the temporary directory.
     static ToolRun kestrix(const std::vector<std::string>& arguments) {
-        std::string command = "cd " + quoted(dir_->string()) + " && " + quoted(KESTRIX_BINARY);
-        for (const auto& argument : arguments) command += " " + quoted(argument);
+        std::string command = "cd " + shell_quoted(dir_->string()) + " && " + shell_quoted(KESTRIX_BINARY);
+        for (const auto& argument : arguments) command += " " + shell_quoted(argument);
         command += " >out.txt 2>err.txt";
         ToolRun run;
         const int raw = std::system(command.c_str());
         run.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-        run.out = read_file(*dir_ / "out.txt");
-        run.err = read_file(*dir_ / "err.txt");
+        run.out = read_whole_file(*dir_ / "out.txt");
+        run.err = read_whole_file(*dir_ / "err.txt");
         return run;
     }
 
@@ -169,7 +155,7 @@ TEST_F(ContextCommandTest, SnippetsCarryTheSourceHead) {
     ASSERT_EQ(row["fqn"], "python.shop.cart.total_price");
     ASSERT_TRUE(row.contains("snippet")) << row;
     // Lines 69.. of cart.py, as the file has them.
-    std::istringstream source(read_file(repo() / "python" / "shop" / "cart.py"));
+    std::istringstream source(read_whole_file(repo() / "python" / "shop" / "cart.py"));
     std::string line, head;
     for (int n = 1; std::getline(source, line) && n <= 71; ++n) {
         if (n >= 69) head += line + "\n";
@@ -317,10 +303,10 @@ TEST_F(ContextCommandTest, PacksFromAnIndexInAReadOnlyDirectory) {
     fs::copy_file(repo() / ".kestrix" / "index.db", source / "index.db", fs::copy_options::overwrite_existing);
     const bool super_user = ::geteuid() == 0;
     if (super_user) {
-        const std::string mount = "mount --bind " + quoted(source.string()) + " " + quoted(locked.string()) +
-                                  " 2>/dev/null && mount -o remount,bind,ro " + quoted(locked.string()) + " 2>/dev/null";
+        const std::string mount = "mount --bind " + shell_quoted(source.string()) + " " + shell_quoted(locked.string()) +
+                                  " 2>/dev/null && mount -o remount,bind,ro " + shell_quoted(locked.string()) + " 2>/dev/null";
         if (std::system(mount.c_str()) != 0) {
-            std::system(("umount " + quoted(locked.string()) + " 2>/dev/null").c_str());
+            std::system(("umount " + shell_quoted(locked.string()) + " 2>/dev/null").c_str());
             GTEST_SKIP() << "no read-only mount, and permissions do not bind the super-user";
         }
     } else {
@@ -329,7 +315,7 @@ TEST_F(ContextCommandTest, PacksFromAnIndexInAReadOnlyDirectory) {
     }
     const ToolRun run = context("Fix total_price", {"--db", (locked / "index.db").string()});
     if (super_user) {
-        EXPECT_EQ(std::system(("umount " + quoted(locked.string())).c_str()), 0);
+        EXPECT_EQ(std::system(("umount " + shell_quoted(locked.string())).c_str()), 0);
     } else {
         fs::permissions(locked, fs::perms::owner_all);
     }

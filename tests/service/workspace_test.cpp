@@ -53,6 +53,12 @@ TEST_F(WorkspaceTest, ErrorsAreTyped) {
     service::Workspace workspace(options());
     // No index and no refresh running: nothing to answer from.
     EXPECT_THROW(workspace.pack({.task = "total_price"}), service::DamagedIndexError);
+    // A refresh about to start (a follower setting up): the pack waits for it like one
+    // answered during it.
+    workspace.expect_refresh();
+    const ContextPack waiting = workspace.pack({.task = "total_price"});
+    EXPECT_TRUE(waiting.indexing_in_progress);
+    EXPECT_EQ(waiting.progress, 0);
     workspace.refresh();
     try {
         workspace.pack({.task = "total_price", .component_filter = "nosuch"});

@@ -46,6 +46,10 @@ struct IndexOptions {
     unsigned jobs = 0;
     // Larger files are skipped as "too_large".
     std::uint64_t max_file_size = 2 * 1024 * 1024;
+    // Index minified and generated files too (generated_file.hpp); otherwise they are skipped
+    // as "minified" and "generated". A run whose choice differs from the last completed run's
+    // reads every file again, so that the index follows the new choice.
+    bool include_generated = false;
     // List the files with git when the repository is in a work tree.
     bool use_git = true;
     // Called on the writing thread as work advances.

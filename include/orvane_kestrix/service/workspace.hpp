@@ -32,6 +32,8 @@ struct WorkspaceOptions {
     bool use_retriever = true;
     // Parser threads of a refresh; 0: one per hardware thread.
     unsigned index_jobs = 0;
+    // Refreshes index minified and generated files too (IndexOptions::include_generated).
+    bool include_generated = false;
 };
 
 // Where a refresh stands: `in_progress` while one runs, with its percentage.
@@ -63,6 +65,11 @@ public:
     // IndexAccessError.
     indexer::IndexStats refresh(const std::function<void(const indexer::IndexProgress&)>& on_progress = {},
                                 const std::atomic<bool>* cancel = nullptr);
+
+    // Says that a refresh is about to start on another thread: until it does, packs over a
+    // repository without an index report indexing in progress instead of failing for want of
+    // an index.
+    void expect_refresh();
 
     IndexingStatus indexing_status() const;
 

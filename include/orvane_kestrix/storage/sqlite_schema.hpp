@@ -21,6 +21,8 @@
 //           a change makes the next run recompute references.
 //       "parser_revision": the parser output revision the files were parsed with; another
 //           value makes the next run parse every file again.
+//       "generated_files": "indexed" or "skipped": whether the last completed run indexed
+//           minified and generated files; absent in indexes that predate the choice (they did).
 //       "last_symbol_id", "last_ref_id": the largest symbol and reference ids ever given out;
 //           the writer numbers new rows above them, so an id is never given twice.
 //
@@ -253,7 +255,8 @@ struct IndexOpenOptions {
 // Opens the index at `path`, for use by one thread at a time. A writer creates the file (and its directory) when missing,
 // initialises an empty database, migrates an older schema, sets WAL. Throws IndexFileError
 // for a file that is not a database, is damaged, belongs to another program, has a newer
-// schema, or (read-only) does not exist or is not initialised.
+// schema, lacks a table of its schema, cannot be migrated, or (read-only) does not exist or
+// is not initialised; IndexPathIsDirectory for a directory.
 Database open_index(const std::filesystem::path& path, const IndexOpenOptions& options = {});
 
 // Deletes the database file and its -wal, -shm and -journal companions, if present.
@@ -266,6 +269,11 @@ void remove_index_files(const std::filesystem::path& path);
 // index for a torn one; a first index is not (a crash costs at most a rebuild, as with any
 // file written without a sync, and the flush is a tenth of a second on a large repository).
 void publish_index(Database db, const std::filesystem::path& target);
+
+// The file an index path names: a symbolic link is followed to the path it points at (which
+// need not exist yet). A rebuild publishes by renaming onto that path, so a linked index path
+// keeps its link and the link's target gets the new index.
+std::filesystem::path index_file_behind_links(const std::filesystem::path& path);
 
 // Where an index for `target` is built before publish_index(): next to it, named after it and
 // this process.
@@ -280,6 +288,7 @@ inline constexpr std::string_view derived_stale = "derived_stale";
 inline constexpr std::string_view indexed_at = "indexed_at";
 inline constexpr std::string_view packages = "packages";
 inline constexpr std::string_view parser_revision = "parser_revision";
+inline constexpr std::string_view generated_files = "generated_files";
 inline constexpr std::string_view last_symbol_id = "last_symbol_id";
 inline constexpr std::string_view last_ref_id = "last_ref_id";
 }  // namespace meta_key

@@ -35,6 +35,7 @@ struct IndexArguments {
     std::uint64_t max_file_size = 2 * 1024 * 1024;
     bool timings = false;
     bool no_retriever = false;
+    bool include_generated = false;
 };
 
 // Redraws one status line on standard error, at most ten times a second.
@@ -81,6 +82,7 @@ int run_index(const IndexArguments& arguments) {
     options.rebuild = arguments.rebuild;
     options.jobs = arguments.jobs;
     options.max_file_size = arguments.max_file_size;
+    options.include_generated = arguments.include_generated;
     options.cancel = &interrupted;
     if (!arguments.no_retriever) options = retrieval::index_options_with_retrieval(std::move(options));
 
@@ -139,6 +141,8 @@ const CommandRegistrar registrar([](CLI::App& app, int& exit_code) {
                         "skip files larger than this many bytes (1 to 1073741824)")
         ->capture_default_str()
         ->check(CLI::Range(std::uint64_t{1}, kMaxFileSizeLimit));
+    command->add_flag("--include-generated", arguments->include_generated,
+                      "index minified and generated files too (skipped by default)");
     command->add_flag("--timings", arguments->timings, "print the seconds of each phase on standard error");
     command->add_flag("--no-retriever", arguments->no_retriever,
                       "leave the retriever's tables as they are (for comparing index times)");

@@ -25,6 +25,7 @@ struct McpArguments {
     std::string http;
     bool list_tests = false;
     bool no_follow = false;
+    bool include_generated = false;
 };
 
 // Log lines go to standard error: standard output carries protocol messages only.
@@ -40,6 +41,7 @@ int run_mcp(const McpArguments& arguments) {
         options.repo = arguments.repo;
         if (!arguments.db.empty()) options.db = std::filesystem::path(arguments.db);
         options.list_tests = arguments.list_tests;
+        options.include_generated = arguments.include_generated;
         service::Workspace workspace(options);
         install_stderr_log_sink(false);
         std::optional<mcp::HttpEndpoint> endpoint;
@@ -71,6 +73,8 @@ const CommandRegistrar registrar([](CLI::App& app, int& exit_code) {
     command->add_option("--http", arguments->http,
                         "serve Streamable HTTP on HOST:PORT (or PORT, on 127.0.0.1) instead of standard input and output");
     command->add_flag("--list-tests", arguments->list_tests, "list the tests that cover the pack's files");
+    command->add_flag("--include-generated", arguments->include_generated,
+                      "index minified and generated files too (skipped by default)");
     command->add_flag("--no-follow", arguments->no_follow, "neither refresh the index at start nor follow file changes");
     command->callback([arguments, &exit_code] { exit_code = run_mcp(*arguments); });
 });
