@@ -399,7 +399,6 @@ private:
                 }
                 continue;
             }
-            previous = &r;
             TSNode at = ts_node_is_null(r.name_node) ? r.anchor : r.name_node;
             TSPoint point = ts_node_start_point(at);
             ExtractedReference e;
@@ -409,7 +408,10 @@ private:
             e.line = point.row + 1;
             e.context = context_line(ctx_.lines, point.row, point.column);
             e.caller = caller_at(ts_node_start_byte(at));
+            // A name the parser made up in error recovery is empty: no use. It must not become
+            // `previous` either, since a use found twice is merged into the last one written.
             if (e.name.empty()) continue;
+            previous = &r;
             out.push_back(std::move(e));
         }
     }
