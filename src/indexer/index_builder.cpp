@@ -109,6 +109,8 @@ struct WorkResult {
 // out, whatever order the parsers finish them in, so that the index gets the same ids from any
 // number of threads. At most `window` results wait ahead of the next one to write: memory stays
 // flat however fast the parsers are, and the parser of the next one is never held up.
+constexpr std::size_t kResultWindow = 1024;
+
 class OrderedResults {
 public:
     OrderedResults(std::size_t window, std::size_t producers) : window_(window), producers_(producers) {}
@@ -471,7 +473,10 @@ private:
         unsigned jobs = options_.jobs != 0 ? options_.jobs : std::max(1u, std::thread::hardware_concurrency());
         jobs = static_cast<unsigned>(std::min<std::size_t>(jobs, std::max<std::size_t>(1, to_read_.size())));
         const std::size_t parsers = to_read_.empty() ? 0 : jobs;
-        OrderedResults queue(64, parsers);
+        // Results are written in the order the files were handed out, so that ids do not depend
+        // on thread timing. A wide window lets the other parsers run on while one holds a large
+        // file (or is descheduled on a busy machine); each waiting result is one file's facts.
+        OrderedResults queue(kResultWindow, parsers);
         std::atomic<std::size_t> next{0};
         WorkerThreads workers(
             parsers, [&](std::size_t) { parse_files(queue, next); }, [&] { queue.close(); });
