@@ -25,6 +25,7 @@
 
 #include "orvane_kestrix/indexer/index_builder.hpp"
 #include "orvane_kestrix/mcp/context_tool.hpp"
+#include "orvane_kestrix/retrieval/retrieval_tables.hpp"
 #include "stdlib_tasks.hpp"
 
 namespace {
@@ -140,7 +141,8 @@ int main(int argc, char** argv) {
             index.repo = stdlib;
             index.db = db;
             index.use_git = false;
-            std::cout << "index: " << indexer::IndexBuilder(index).run().summary() << '\n';
+            // With the retriever's tables, as `kestrix index` builds it: the server packs with the retriever.
+            std::cout << "index: " << indexer::IndexBuilder(retrieval::index_options_with_retrieval(index)).run().summary() << '\n';
         }
         service::WorkspaceOptions options;
         options.repo = stdlib;
