@@ -28,6 +28,7 @@
 #include "orvane_kestrix/storage/sqlite_schema.hpp"
 #include "orvane_kestrix/text/unicode.hpp"
 #include "orvane_kestrix/workers/context_builder/pack.hpp"
+#include "incremental_refresh.hpp"
 #include "worker_threads.hpp"
 
 namespace orvane_kestrix::indexer {
@@ -110,6 +111,10 @@ struct WorkResult {
 // number of threads. At most `window` results wait ahead of the next one to write: memory stays
 // flat however fast the parsers are, and the parser of the next one is never held up.
 constexpr std::size_t kResultWindow = 1024;
+// A refresh resolves only what its changes can alter while they are at most this many files or
+// this share of the index (one in 20); beyond that, resolving everything is as quick.
+constexpr std::size_t kIncrementalMinFiles = 32;
+constexpr std::size_t kIncrementalShare = 20;
 
 class OrderedResults {
 public:
@@ -304,6 +309,7 @@ public:
             if (!build_aside_) whole_run.emplace(db_);
             list_files();
             read_index_state();
+            if (had_index_ && !build_aside_ && !reparse_all_ && !recheck_unchanged_ && !derived_stale_) incremental_.emplace(db_);
             select_candidates();
             find_changed_files();
             parse_and_write();
@@ -537,6 +543,7 @@ private:
                 begin_batch();
                 store_->update_stat(candidate.stored->id, result.size, result.mtime_ns);
                 if (facts_differ(*candidate.stored, candidate.facts)) {
+                    incremental_.reset();
                     mark_stale();
                     store_->update_facts(candidate.stored->id, candidate.facts);
                 }
@@ -546,12 +553,25 @@ private:
                 ++stats_.parsed;
                 kept_.insert(candidate.facts.path);
                 mark_stale();
+                note_change(candidate);
                 written_.insert(store_->write_parsed(
                     result.parsed, candidate.stored ? std::optional<std::int64_t>(candidate.stored->id) : std::nullopt,
                     &collected_));
                 ++in_batch_;
                 break;
         }
+    }
+
+    // A file about to be replaced: what it held is recorded while the refresh can still be
+    // incremental; a new or reclassified file, or too many changes, need a whole resolution.
+    void note_change(const Candidate& candidate) {
+        if (!incremental_) return;
+        const std::size_t limit = std::max<std::size_t>(kIncrementalMinFiles, stored_.size() / kIncrementalShare);
+        if (candidate.stored == nullptr || facts_differ(*candidate.stored, candidate.facts) || incremental_->changed_files() >= limit) {
+            incremental_.reset();
+            return;
+        }
+        incremental_->record_before(candidate.stored->id);
     }
 
     void begin_batch() {
@@ -584,6 +604,7 @@ private:
             if (kept_.count(path) == 0) gone.push_back(file.id);
         }
         if (!gone.empty() || !facts_changed_.empty()) {
+            incremental_.reset();
             mark_stale();
             for (std::int64_t id : gone) store_->delete_file(id);
             for (std::size_t index : facts_changed_) store_->update_facts(candidates_[index].stored->id, candidates_[index].facts);
@@ -598,14 +619,18 @@ private:
         progress("resolving", 0, 1);
         lap("parse");
         storage::Transaction refresh(db_);
-        store_->prune_components();
-        IndexSnapshot& snapshot = collected_;
-        store_->load_snapshot(snapshot, written_);
-        snapshot.packages = packages_;
-        lap("load");
-        const DerivedData derived = derive_index_data(snapshot);
-        lap("resolve");
-        store_->write_derived(derived, snapshot);
+        if (incremental_ && incremental_->run(collected_, packages_)) {
+            lap("resolve changes");
+        } else {
+            store_->prune_components();
+            IndexSnapshot& snapshot = collected_;
+            store_->load_snapshot(snapshot, written_);
+            snapshot.packages = packages_;
+            lap("load");
+            const DerivedData derived = derive_index_data(snapshot);
+            lap("resolve");
+            store_->write_derived(derived, snapshot);
+        }
 
         storage::write_meta(db_, storage::meta_key::derived_stale, "0");
         storage::write_meta(db_, storage::meta_key::packages, package_text_);
@@ -678,6 +703,7 @@ private:
     bool discard_on_exit_ = false;  // the index built aside is removed unless published
     Database db_;
     std::optional<IndexStore> store_;
+    std::optional<IncrementalRefresh> incremental_;  // while this run's changes allow one
     std::optional<Transaction> transaction_;  // the batch being written
 
     // list_files

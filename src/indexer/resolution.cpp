@@ -684,6 +684,83 @@ private:
     std::vector<Package> packages_;
 };
 
+// Test file index -> source file index -> the distinct symbols of the source it uses.
+using UsedSymbols = std::map<Index, std::map<Index, std::set<std::int64_t>>>;
+
+// The covering-test rows: for each test file (every one, or with `only_used` those that are
+// keys of `used`), the source files it reaches by the symbols it uses, by its imports, or by
+// its name; `kept` holds the stored rows of the other tests. Within each source file, tests
+// named after it rank 0 and the others by used symbols, densely, most first.
+std::vector<CoveringTestRow> covering_rows(const IndexSnapshot& snapshot, const Resolver& resolver, UsedSymbols& used,
+                                           const std::vector<CoveringTestRow>& kept, bool only_used) {
+    // Source files by their name without extension, for tests named after them.
+    std::unordered_map<std::string, FileList> sources_by_stem;
+    for (Index i = 0; i < snapshot.files.size(); ++i) {
+        const auto& file = snapshot.files[i];
+        if (file.is_source && !file.is_test) sources_by_stem[std::string(without_extension(file_name_of(file.path)))].push_back(i);
+    }
+    const auto named_after = [&](Index test, Index source) {
+        return is_named_test_for(snapshot.files[test].path, snapshot.files[test].language, snapshot.files[source].path,
+                                 snapshot.files[source].language);
+    };
+
+    // Source file index -> (test file index -> (named after, used symbols)).
+    std::map<Index, std::map<Index, std::pair<bool, std::int64_t>>> reached;
+    for (const auto& row : kept) {
+        if (!resolver.has_file(row.source_file_id) || !resolver.has_file(row.test_file_id)) continue;
+        const Index source = resolver.index_of_file(row.source_file_id);
+        const Index test = resolver.index_of_file(row.test_file_id);
+        reached[source][test] = {named_after(test, source), row.used_symbols};
+    }
+    for (Index test = 0; test < snapshot.files.size(); ++test) {
+        const auto& test_file = snapshot.files[test];
+        if (!test_file.is_test || !test_file.is_source) continue;
+        if (only_used && used.count(test) == 0) continue;
+        std::set<Index> sources;
+        for (const auto& [source, symbols] : used[test]) sources.insert(source);
+        for (Index source : resolver.imported_files(test)) {
+            const auto& file = snapshot.files[source];
+            if (source != test && file.is_source && !file.is_test) sources.insert(source);
+        }
+        // The source file a test is named after, even when its uses could not be resolved,
+        // as long as the name is not ambiguous.
+        const std::string stem = tested_stem(test_file.path, test_file.language);
+        if (!stem.empty()) {
+            if (auto it = sources_by_stem.find(stem); it != sources_by_stem.end()) {
+                FileList named;
+                for (Index source : it->second) {
+                    if (named_after(test, source)) named.push_back(source);
+                }
+                const bool any_reached = std::any_of(named.begin(), named.end(), [&](Index s) { return sources.count(s) > 0; });
+                if (!any_reached && named.size() == 1) sources.insert(named.front());
+            }
+        }
+        for (Index source : sources) {
+            const auto used_it = used[test].find(source);
+            const std::int64_t count = used_it == used[test].end() ? 0 : static_cast<std::int64_t>(used_it->second.size());
+            reached[source][test] = {named_after(test, source), count};
+        }
+    }
+
+    std::vector<CoveringTestRow> rows;
+    for (const auto& [source, tests] : reached) {
+        // Dense rank by used symbols, most first; the tests named after the file rank 0.
+        std::set<std::int64_t, std::greater<>> counts;
+        for (const auto& [test, info] : tests) {
+            if (!info.first) counts.insert(info.second);
+        }
+        for (const auto& [test, info] : tests) {
+            double rank = 0;
+            if (!info.first) rank = static_cast<double>(std::distance(counts.begin(), counts.find(info.second)) + 1);
+            rows.push_back({snapshot.files[source].id, snapshot.files[test].id, rank, info.second});
+        }
+    }
+    std::sort(rows.begin(), rows.end(), [](const CoveringTestRow& a, const CoveringTestRow& b) {
+        return a.source_file_id != b.source_file_id ? a.source_file_id < b.source_file_id : a.test_file_id < b.test_file_id;
+    });
+    return rows;
+}
+
 }  // namespace
 
 DerivedData derive_index_data(const IndexSnapshot& snapshot) {
@@ -701,7 +778,7 @@ DerivedData derive_index_data(const IndexSnapshot& snapshot) {
         std::vector<ReferenceEdge> edges;
         std::unordered_map<std::int64_t, std::int64_t> fan_in;
         // Test file index -> source file index -> distinct symbols used.
-        std::map<Index, std::map<Index, std::set<std::int64_t>>> used;
+        UsedSymbols used;
     };
     const std::size_t total = snapshot.references.size();
     const std::size_t slices =
@@ -727,7 +804,7 @@ DerivedData derive_index_data(const IndexSnapshot& snapshot) {
         std::sort(out.edges.begin(), out.edges.end());
     };
     run_in_parallel(slices, resolve_slice);
-    std::map<Index, std::map<Index, std::set<std::int64_t>>> used = std::move(results[0].used);
+    UsedSymbols used = std::move(results[0].used);
     data.fan_in = std::move(results[0].fan_in);
     data.edges = std::move(results[0].edges);
     for (std::size_t k = 1; k < slices; ++k) {
@@ -741,65 +818,51 @@ DerivedData derive_index_data(const IndexSnapshot& snapshot) {
     }
     data.edges.erase(std::unique(data.edges.begin(), data.edges.end()), data.edges.end());
 
-    // Source files by their name without extension, for tests named after them.
-    std::unordered_map<std::string, FileList> sources_by_stem;
-    for (Index i = 0; i < snapshot.files.size(); ++i) {
-        const auto& file = snapshot.files[i];
-        if (file.is_source && !file.is_test) sources_by_stem[std::string(without_extension(file_name_of(file.path)))].push_back(i);
-    }
-
-    // Source file index -> (test file index -> (named after, used symbols)).
-    std::map<Index, std::map<Index, std::pair<bool, std::int64_t>>> reached;
-    for (Index test = 0; test < snapshot.files.size(); ++test) {
-        const auto& test_file = snapshot.files[test];
-        if (!test_file.is_test || !test_file.is_source) continue;
-        std::set<Index> sources;
-        for (const auto& [source, symbols] : used[test]) sources.insert(source);
-        for (Index source : resolver.imported_files(test)) {
-            const auto& file = snapshot.files[source];
-            if (source != test && file.is_source && !file.is_test) sources.insert(source);
-        }
-        // The source file a test is named after, even when its uses could not be resolved,
-        // as long as the name is not ambiguous.
-        const std::string stem = tested_stem(test_file.path, test_file.language);
-        if (!stem.empty()) {
-            if (auto it = sources_by_stem.find(stem); it != sources_by_stem.end()) {
-                FileList named;
-                for (Index source : it->second) {
-                    if (is_named_test_for(test_file.path, test_file.language, snapshot.files[source].path,
-                                          snapshot.files[source].language)) {
-                        named.push_back(source);
-                    }
-                }
-                const bool any_reached = std::any_of(named.begin(), named.end(), [&](Index s) { return sources.count(s) > 0; });
-                if (!any_reached && named.size() == 1) sources.insert(named.front());
-            }
-        }
-        for (Index source : sources) {
-            const bool named = is_named_test_for(test_file.path, test_file.language, snapshot.files[source].path,
-                                                 snapshot.files[source].language);
-            const auto used_it = used[test].find(source);
-            const std::int64_t count = used_it == used[test].end() ? 0 : static_cast<std::int64_t>(used_it->second.size());
-            reached[source][test] = {named, count};
-        }
-    }
-
-    for (const auto& [source, tests] : reached) {
-        // Dense rank by used symbols, most first; the tests named after the file rank 0.
-        std::set<std::int64_t, std::greater<>> counts;
-        for (const auto& [test, info] : tests) {
-            if (!info.first) counts.insert(info.second);
-        }
-        for (const auto& [test, info] : tests) {
-            double rank = 0;
-            if (!info.first) rank = static_cast<double>(std::distance(counts.begin(), counts.find(info.second)) + 1);
-            data.covering_tests.push_back({snapshot.files[source].id, snapshot.files[test].id, rank, info.second});
-        }
-    }
-    std::sort(data.covering_tests.begin(), data.covering_tests.end(), [](const CoveringTestRow& a, const CoveringTestRow& b) {
-        return a.source_file_id != b.source_file_id ? a.source_file_id < b.source_file_id : a.test_file_id < b.test_file_id;
-    });
+    data.covering_tests = covering_rows(snapshot, resolver, used, {}, false);
     return data;
+}
+
+struct PartialResolution::Lookups {
+    explicit Lookups(const IndexSnapshot& snapshot) : resolver(snapshot) {}
+    Resolver resolver;
+};
+
+PartialResolution::PartialResolution(const IndexSnapshot& snapshot)
+    : snapshot_(snapshot), lookups_(std::make_unique<Lookups>(snapshot)) {}
+
+PartialResolution::~PartialResolution() = default;
+
+std::vector<ReferenceEdge> PartialResolution::edges() const {
+    const Resolver& resolver = lookups_->resolver;
+    const std::size_t total = snapshot_.references.size();
+    const std::size_t slices =
+        std::clamp<std::size_t>(std::thread::hardware_concurrency(), 1, std::max<std::size_t>(1, total / kReferencesPerSlice));
+    std::vector<std::vector<ReferenceEdge>> results(slices);
+    run_in_parallel(slices, [&](std::size_t k) {
+        Resolver::QualifierCache qualifiers;
+        for (std::size_t i = total * k / slices, end = total * (k + 1) / slices; i < end; ++i) {
+            const SnapshotReference& ref = snapshot_.references[i];
+            for (std::int64_t target : resolver.resolve(ref, qualifiers)) results[k].push_back({target, ref.id});
+        }
+    });
+    std::vector<ReferenceEdge> out;
+    for (auto& slice : results) out.insert(out.end(), slice.begin(), slice.end());
+    std::sort(out.begin(), out.end());
+    out.erase(std::unique(out.begin(), out.end()), out.end());
+    return out;
+}
+
+std::vector<CoveringTestRow> PartialResolution::covering_tests(const TestUses& uses, const std::vector<CoveringTestRow>& kept) const {
+    const Resolver& resolver = lookups_->resolver;
+    UsedSymbols used;
+    for (const auto& [test_id, sources] : uses) {
+        if (!resolver.has_file(test_id)) continue;
+        auto& of_test = used[resolver.index_of_file(test_id)];
+        for (const auto& [source_id, symbols] : sources) {
+            if (resolver.has_file(source_id)) of_test[resolver.index_of_file(source_id)] = symbols;
+        }
+    }
+    return covering_rows(snapshot_, resolver, used, kept, true);
 }
 
 std::optional<PackageRoot> package_root_from_manifest(const std::string& manifest_path, const std::string& text) {

@@ -39,7 +39,6 @@ INSERT INTO retrieval_symbol_text(retrieval_symbol_text, rank) VALUES ('hashsize
 INSERT INTO retrieval_file_text(retrieval_file_text, rank) VALUES ('hashsize', 33554432);
 CREATE VIRTUAL TABLE retrieval_symbol_vocab USING fts5vocab(retrieval_symbol_text, 'row');
 CREATE VIRTUAL TABLE retrieval_file_vocab USING fts5vocab(retrieval_file_text, 'row');
-CREATE INDEX retrieval_ref_targets_by_ref ON ref_targets(ref_id);
 CREATE TABLE retrieval_file_state(
   file_id INTEGER PRIMARY KEY,
   doc_id INTEGER NOT NULL UNIQUE,

@@ -95,6 +95,7 @@ CREATE TABLE ref_targets(
   ref_id INTEGER NOT NULL,
   PRIMARY KEY (symbol_id, ref_id)
 ) WITHOUT ROWID;
+CREATE INDEX ref_targets_by_ref ON ref_targets(ref_id);
 
 CREATE TABLE imports(
   id INTEGER PRIMARY KEY,
@@ -158,8 +159,17 @@ DELETE FROM meta WHERE key IN ('parser_revision', 'packages');
 INSERT OR REPLACE INTO meta(key, value) VALUES ('derived_stale', '1');
 )sql";
 
+// Version 3: ref_targets indexed by reference (a refresh finds the edges of the references it
+// resolves again; the retriever walks from a symbol's references to what they mean), the index
+// the retriever's tables used to add for themselves.
+constexpr const char* kSchemaV3 = R"sql(
+DROP INDEX IF EXISTS retrieval_ref_targets_by_ref;
+CREATE INDEX IF NOT EXISTS ref_targets_by_ref ON ref_targets(ref_id);
+)sql";
+
 constexpr std::array kMigrations = {
     Migration{2, kSchemaV2, true},
+    Migration{3, kSchemaV3, false},
 };
 static_assert(kMigrations.back().version == kIndexSchemaVersion);
 

@@ -473,7 +473,7 @@ TEST_F(IndexRobustness, IndexOfTheFirstSchemaIsUpgradedAndEveryFileParsedAgain) 
 
     const IndexStats stats = index();
     EXPECT_EQ(stats.parsed, 1);
-    EXPECT_EQ(query("PRAGMA user_version"), "2");
+    EXPECT_EQ(query("PRAGMA user_version"), std::to_string(orvane_kestrix::storage::kIndexSchemaVersion));
     EXPECT_EQ(query("SELECT name FROM symbols"), "fresh");
     EXPECT_EQ(query("SELECT count(*) FROM sqlite_master WHERE name = 'symbol_text'"), "0");
     // Ids continue above the old ones.

@@ -21,6 +21,7 @@
 #include "orvane_kestrix/storage/index_writer_lock.hpp"
 #include "orvane_kestrix/storage/sqlite_schema.hpp"
 #include "support/generated_tree.hpp"
+#include "support/index_dump.hpp"
 #include "support/scratch_dir.hpp"
 #include "support/tool_process.hpp"
 
@@ -63,34 +64,6 @@ std::map<std::string, std::string> dump_with_ids(const fs::path& db_path) {
         }
     }
     return dump;
-}
-
-// The same without ids: rows named by paths and qualified names, so that a refreshed index
-// compares equal to one built from scratch.
-std::string dump_by_name(const fs::path& db_path) {
-    storage::Database db = storage::open_index(db_path, {.read_only = true});
-    const std::vector<std::string> queries = {
-        "SELECT f.path || '|' || f.language || '|' || f.is_test || '|' || f.is_source || '|' || coalesce(c.name, '') || '|' || "
-        "f.content_hash || '|' || f.module_name FROM files f LEFT JOIN components c ON c.id = f.component_id",
-        "SELECT f.path || '|' || s.fqn || '|' || s.kind || '|' || s.start_line || '|' || coalesce(s.signature, '') || '|' || "
-        "coalesce(s.docstring, '') || '|' || s.token_count || '|' || s.production_fan_in || '|' || coalesce(p.fqn, '') "
-        "FROM symbols s JOIN files f ON f.id = s.file_id LEFT JOIN symbols p ON p.id = s.parent_id",
-        "SELECT f.path || '|' || r.line || '|' || r.name || '|' || r.qualifier || '|' || r.usage_type || '|' || r.context || '|' || "
-        "coalesce(c.fqn, '') "
-        "FROM refs r JOIN files f ON f.id = r.file_id LEFT JOIN symbols c ON c.id = r.caller_id",
-        "SELECT t.fqn || ' <- ' || f.path || ':' || r.line || ':' || r.name FROM ref_targets rt "
-        "JOIN symbols t ON t.id = rt.symbol_id JOIN refs r ON r.id = rt.ref_id JOIN files f ON f.id = r.file_id",
-        "SELECT f.path || '|' || i.module || '|' || coalesce(i.name, '') FROM imports i JOIN files f ON f.id = i.file_id",
-        "SELECT s.path || ' <- ' || t.path || ' ' || ct.rank || ' ' || ct.used_symbols FROM covering_tests ct "
-        "JOIN files s ON s.id = ct.source_file_id JOIN files t ON t.id = ct.test_file_id",
-    };
-    std::string text;
-    for (const std::string& sql : queries) {
-        storage::Statement statement(db, sql + " ORDER BY 1");
-        while (statement.step()) text += std::string(statement.column_text(0)) + '\n';
-        text += "--\n";
-    }
-    return text;
 }
 
 // Waits up to 30 s for `condition`.
@@ -202,7 +175,7 @@ TEST_F(IndexWriters, ToolRunsOnOneIndexTakeTurns) {
     // Two refreshes of every file.
     kestrix_test::write_generated_tree(repo, 300, 'b');
     two_at_once();
-    EXPECT_EQ(dump_by_name(db), dump_by_name(fresh("fresh_b.db")));
+    EXPECT_EQ(kestrix_test::dump_by_name(db), kestrix_test::dump_by_name(fresh("fresh_b.db")));
 
     // While this test holds the lock: --no-wait gives up at once, a plain run waits.
     std::optional<IndexWriterLock> held = IndexWriterLock::try_acquire(db);

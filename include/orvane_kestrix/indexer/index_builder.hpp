@@ -96,7 +96,8 @@ struct IndexStats {
     bool cancelled = false;
     // Wall seconds per phase, in order: "scan" (listing and comparing files), "parse"
     // (reading, parsing, writing), then, when other files' facts were recomputed, "load",
-    // "resolve" and "write"; then "extra tables" when refresh_extra_tables ran; then "commit"
+    // "resolve" and "write" (or "resolve changes" and "write" when only what the changed files
+    // can alter was resolved again); then "extra tables" when refresh_extra_tables ran; then "commit"
     // when the run changed an index in place (its one transaction).
     std::vector<std::pair<std::string, double>> timings;
 

@@ -1,11 +1,14 @@
 #pragma once
-// Cross-file facts computed from the whole index at once: which definitions each reference
-// can mean, the production fan-in of each symbol, and the test files that reach each source
-// file. A pure function of the indexed files, so an incremental run recomputes it whole and
-// writes only the difference.
+// Cross-file facts: which definitions each reference can mean, the production fan-in of each
+// symbol, and the test files that reach each source file. A pure function of the indexed
+// files, computed whole (derive_index_data) or, after a few files changed, for the references
+// whose meaning they can change (PartialResolution).
 
 #include <cstdint>
+#include <map>
+#include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -100,6 +103,32 @@ struct DerivedData {
 // are reached without a receiver). Then counts each symbol's references from
 // non-test files (production fan-in) and ranks the test files reaching each source file.
 DerivedData derive_index_data(const IndexSnapshot& snapshot);
+
+// Resolution of some references only, for a refresh after a few files changed. The snapshot
+// holds every file and import of the index, the symbols of every name those references can
+// reach (directly or through the imports they pass), and as references only the ones to
+// resolve; it must outlive this object.
+class PartialResolution {
+public:
+    // Test file id -> source file id -> the distinct symbols of the source the test uses.
+    using TestUses = std::map<std::int64_t, std::map<std::int64_t, std::set<std::int64_t>>>;
+
+    explicit PartialResolution(const IndexSnapshot& snapshot);
+    ~PartialResolution();
+    PartialResolution(const PartialResolution&) = delete;
+    PartialResolution& operator=(const PartialResolution&) = delete;
+
+    // The snapshot's references resolved as derive_index_data would: sorted edges, each once.
+    std::vector<ReferenceEdge> edges() const;
+    // Every covering-test row once the tests of `uses` (each with all its uses, or none) are
+    // recomputed; `kept` are the stored rows of all other tests.
+    std::vector<CoveringTestRow> covering_tests(const TestUses& uses, const std::vector<CoveringTestRow>& kept) const;
+
+private:
+    struct Lookups;
+    const IndexSnapshot& snapshot_;
+    std::unique_ptr<Lookups> lookups_;
+};
 
 // Package roots from a manifest's text: go.mod's `module` line, Cargo.toml's [package] name.
 std::optional<PackageRoot> package_root_from_manifest(const std::string& manifest_path, const std::string& text);

@@ -17,8 +17,6 @@
 //   retrieval_file_state(file_id, doc_id, content_hash, is_test, symbol_rows): which row
 //       describes each file and what it was made from; a file whose hash or test flag differs
 //       is described again.
-//   retrieval_ref_targets_by_ref: an index of ref_targets by reference, so that the symbols a
-//       symbol uses can be found from its references (the reference graph signal).
 //
 // The full-text tables keep no copy of their text (it would double the index), so a changed
 // file's old rows cannot be deleted one by one: they stay, unreachable (their symbol ids are

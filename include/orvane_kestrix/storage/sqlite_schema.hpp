@@ -118,7 +118,7 @@ struct sqlite3_stmt;
 
 namespace orvane_kestrix::storage {
 
-inline constexpr int kIndexSchemaVersion = 2;
+inline constexpr int kIndexSchemaVersion = 3;
 // "KSTX": marks a file as an index of this tool.
 inline constexpr std::int32_t kIndexApplicationId = 0x4B535458;
 
