@@ -46,6 +46,14 @@ measure() {
 }
 mb() { awk -v kb="$1" 'BEGIN {printf "%.0f MB", kb / 1024}'; }
 
+# Debian's linux-source tarball ends its top-level .gitignore with "/*" and "!/debian/" (its
+# packaging ignores the whole tree but debian/), which would leave nothing to index; for the run,
+# those two lines go, so the tree is indexed as a kernel clone would be.
+if [ -f "$tree/.gitignore" ] && grep -qx '/\*' "$tree/.gitignore"; then
+  cp -p "$tree/.gitignore" "$saved/.gitignore"
+  grep -vx -e '/\*' -e '!/debian/' "$saved/.gitignore" >"$tree/.gitignore"
+  echo "note: the tree's .gitignore ignores everything at its root (\"/*\"); those lines are left out for the run"
+fi
 echo "tree: $tree ($(nproc) cores)"
 measure ctags -R --output-format=json --fields=+neKS -f "$work/tags.json" "$tree"
 ctags_wall=$wall ctags_peak=$peak_kb

@@ -1,5 +1,6 @@
 #include "orvane_kestrix/indexer/file_walker.hpp"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <spawn.h>
 #include <limits.h>
@@ -11,6 +12,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <memory>
 #include <optional>
 #include <set>
 #include <utility>
@@ -179,49 +181,62 @@ private:
         return real_path(parent, error).value_or(real_root_);
     }
 
+    // Lists the tree below `start` by readdir: the entry's type comes with its name, so only
+    // directories (for their identity), links and entries of unknown type cost a stat.
     void walk_tree(const std::string& start) {
         std::vector<std::string> stack{start};
         while (!stack.empty()) {
             const std::string dir = std::move(stack.back());
             stack.pop_back();
-            std::error_code error;
-            fs::directory_iterator it(dir.empty() ? root_ : root_ / dir, error);
-            if (error) {
+            const fs::path dir_path = dir.empty() ? root_ : root_ / dir;
+            std::unique_ptr<DIR, int (*)(DIR*)> handle(opendir(dir_path.c_str()), closedir);
+            if (!handle) {
                 result_.skipped.push_back({dir, "unreadable_dir"});
                 continue;
             }
-            ignore_.load(dir, ((dir.empty() ? root_ : root_ / dir) / ".gitignore").string());
-            for (; it != fs::directory_iterator(); it.increment(error)) {
-                const std::string name = it->path().filename().string();
-                const std::string rel = dir.empty() ? name : dir + "/" + name;
+            ignore_.load(dir, (dir_path / ".gitignore").string());
+            const int dir_fd = dirfd(handle.get());
+            bool read_error = false;
+            for (;;) {
+                errno = 0;
+                const dirent* entry = readdir(handle.get());
+                if (entry == nullptr) {
+                    read_error = errno != 0;
+                    break;
+                }
+                const std::string_view name = entry->d_name;
+                if (name == "." || name == "..") continue;
+                std::string rel = dir.empty() ? std::string(name) : dir + "/" + std::string(name);
+                unsigned char type = entry->d_type;
                 struct stat st {};
-                if (lstat(it->path().c_str(), &st) != 0) continue;
-                if (ignore_.ignored(rel, is_directory_or_link_to_one(it->path(), st))) continue;
-                if (S_ISDIR(st.st_mode)) {
-                    if (is_skipped_directory_name(name)) continue;
-                    if (!visited_.insert({st.st_dev, st.st_ino}).second) continue;
-                    stack.push_back(rel);
-                } else if (S_ISREG(st.st_mode)) {
-                    result_.files.push_back(rel);
-                } else if (S_ISLNK(st.st_mode)) {
+                if (type == DT_DIR || type == DT_UNKNOWN) {
+                    if (fstatat(dir_fd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+                    type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : S_ISLNK(st.st_mode) ? DT_LNK : DT_UNKNOWN;
+                }
+                bool link_to_directory = false;
+                if (type == DT_LNK) {
                     struct stat target {};
-                    if (stat(it->path().c_str(), &target) == 0 && S_ISDIR(target.st_mode)) {
-                        if (!is_skipped_directory_name(name)) linked_dirs_.push_back(rel);
+                    link_to_directory = fstatat(dir_fd, entry->d_name, &target, 0) == 0 && S_ISDIR(target.st_mode);
+                }
+                if (ignore_.ignored(rel, type == DT_DIR || link_to_directory)) continue;
+                if (type == DT_DIR) {
+                    if (is_skipped_directory_name(std::string(name))) continue;
+                    if (!visited_.insert({st.st_dev, st.st_ino}).second) continue;
+                    stack.push_back(std::move(rel));
+                } else if (type == DT_REG) {
+                    result_.files.push_back(std::move(rel));
+                } else if (type == DT_LNK) {
+                    if (link_to_directory) {
+                        if (!is_skipped_directory_name(std::string(name))) linked_dirs_.push_back(std::move(rel));
                     } else if (resolve_link(rel, nullptr) == LinkTarget::file) {
-                        result_.files.push_back(rel);
+                        result_.files.push_back(std::move(rel));
                     }
                 } else {
                     result_.skipped.push_back({rel, "special_file"});
                 }
             }
-            if (error) result_.skipped.push_back({dir, "unreadable_dir"});
+            if (read_error) result_.skipped.push_back({dir, "unreadable_dir"});
         }
-    }
-
-    static bool is_directory_or_link_to_one(const fs::path& path, const struct stat& st) {
-        if (S_ISDIR(st.st_mode)) return true;
-        struct stat target {};
-        return S_ISLNK(st.st_mode) && stat(path.c_str(), &target) == 0 && S_ISDIR(target.st_mode);
     }
 
     fs::path root_;

@@ -115,8 +115,27 @@ void IgnoreRules::add(const std::string& dir, std::string_view text) {
         if (line.starts_with('/')) line.erase(0, 1);
         if (line.empty()) continue;
         rule.pattern = std::move(line);
+        const auto special = rule.pattern.find_first_of("*?[\\");
+        if (special == std::string::npos) {
+            rule.shape = Shape::literal;
+        } else if (special == 0 && rule.pattern.size() > 1 && rule.pattern.find_first_of("*?[\\/", 1) == std::string::npos) {
+            rule.shape = Shape::suffix;
+        }
         rules.push_back(std::move(rule));
     }
+}
+
+bool IgnoreRules::Rule::matches(std::string_view text) const {
+    switch (shape) {
+        case Shape::literal:
+            return text == pattern;
+        case Shape::suffix:
+            // "*" stays within one path component.
+            return text.ends_with(suffix()) && text.substr(0, text.size() - suffix().size()).find('/') == std::string_view::npos;
+        case Shape::glob:
+            return glob_matches(pattern, text);
+    }
+    return false;
 }
 
 bool IgnoreRules::ignored(const std::string& path, bool is_dir) const {
@@ -131,7 +150,7 @@ bool IgnoreRules::ignored(const std::string& path, bool is_dir) const {
             const std::string_view name = slash == std::string_view::npos ? below : below.substr(slash + 1);
             for (const Rule& rule : found->second) {
                 if (rule.dir_only && !is_dir) continue;
-                if (glob_matches(rule.pattern, rule.anchored ? below : name)) ignored = !rule.negate;
+                if (rule.matches(rule.anchored ? below : name)) ignored = !rule.negate;
             }
         }
         const std::size_t slash = path.find('/', start);

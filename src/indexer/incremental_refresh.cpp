@@ -36,70 +36,112 @@ IncrementalRefresh::IncrementalRefresh(storage::Database& db) : db_(db) {}
 
 void IncrementalRefresh::record_before(std::int64_t file_id) {
     if (!changed_.insert(file_id).second) return;
-    const auto add = [&](std::string_view name) { names_.emplace(name); };
-    Statement symbols(db_, "SELECT name FROM symbols WHERE file_id = ?");
+    FileBefore& before = before_[file_id];
+    Statement symbols(db_, "SELECT id, name, fqn, kind FROM symbols WHERE file_id = ? ORDER BY id");
     symbols.bind(1, file_id);
-    while (symbols.step()) add(symbols.column_text(0));
+    while (symbols.step()) {
+        before.symbols.push_back({symbols.column_int64(0), 0, symbols.column_string(1), symbols.column_string(2),
+                                  symbols.column_string(3), 0});
+    }
+    // The edges into the file: they go with its symbols when it is written again, and those
+    // whose symbol is defined again as it was are carried over to the new symbol.
+    Statement edges(db_, "SELECT t.symbol_id, t.ref_id, f.is_test FROM symbols s JOIN ref_targets t ON t.symbol_id = s.id "
+                         "JOIN refs r ON r.id = t.ref_id JOIN files f ON f.id = r.file_id WHERE s.file_id = ?");
+    edges.bind(1, file_id);
+    while (edges.step()) edges_in_.push_back({edges.column_int64(0), edges.column_int64(1), edges.column_int64(2) != 0});
     Statement refs(db_, "SELECT id FROM refs WHERE file_id = ?");
     refs.bind(1, file_id);
-    while (refs.step()) old_references_.push_back(refs.column_int64(0));
+    while (refs.step()) old_references_.emplace(refs.column_int64(0), file_id);
     Statement imports(db_, "SELECT module, coalesce(name, ''), coalesce(alias, '') FROM imports WHERE file_id = ?");
     imports.bind(1, file_id);
-    while (imports.step()) {
-        import_names(imports.column_text(0), imports.column_text(1), imports.column_text(2), add);
-        if (imports.column_text(1) == "*") old_wildcards_.emplace_back(file_id, imports.column_string(0));
-    }
+    while (imports.step()) before.imports.push_back({imports.column_string(0), imports.column_string(1), imports.column_string(2)});
     Statement module(db_, "SELECT module_name FROM files WHERE id = ?");
     module.bind(1, file_id);
-    if (module.step()) old_module_names_.emplace_back(file_id, module.column_string(0));
+    if (module.step()) before.module_name = module.column_string(0);
 }
 
-// Whether the change stays within what name-based re-resolution covers: every changed file
-// still names its module as before and imports the same modules whole with `*` (through
-// which any name may pass). Also adds the new definitions' and imports' names.
-bool IncrementalRefresh::change_is_local(const IndexSnapshot& written) {
-    Statement module(db_, "SELECT module_name FROM files WHERE id = ?");
-    for (const auto& [file_id, name] : old_module_names_) {
-        module.bind(1, file_id);
-        if (!module.step() || module.column_text(0) != name) return false;
-        module.reset();
-    }
-    std::vector<std::pair<std::int64_t, std::string>> wildcards;
-    for (const auto& import : written.imports) {
-        if (changed_.count(import.file_id) == 0) return false;
-        if (import.name == "*") wildcards.emplace_back(import.file_id, import.module);
-    }
-    std::sort(wildcards.begin(), wildcards.end());
-    std::vector<std::pair<std::int64_t, std::string>> before = old_wildcards_;
-    std::sort(before.begin(), before.end());
-    if (wildcards != before) return false;
-
-    const auto add = [&](std::string_view name) { names_.emplace(name); };
+// Compares each changed file with what it held: the names whose definitions differ (a
+// definition of that name added, removed, or with another qualified name or kind), and those
+// of its imports when they differ, go to names_; the symbols defined again as they were are
+// paired with their new ids. False when the change is beyond what this covers: a file that
+// names its module differently, or imports other modules whole with `*` (through which any
+// name may pass).
+bool IncrementalRefresh::compare_with_before(const IndexSnapshot& written) {
+    std::unordered_map<std::int64_t, std::vector<const SnapshotSymbol*>> symbols_now;
     for (const auto& symbol : written.symbols) {
         if (changed_.count(symbol.file_id) == 0) return false;
-        add(symbol.name);
+        symbols_now[symbol.file_id].push_back(&symbol);
     }
-    for (const auto& import : written.imports) import_names(import.module, import.name.value_or(""), import.alias.value_or(""), add);
-    return std::all_of(written.references.begin(), written.references.end(),
-                       [&](const SnapshotReference& ref) { return changed_.count(ref.file_id) > 0; });
+    std::unordered_map<std::int64_t, std::vector<ImportRow>> imports_now;
+    for (const auto& import : written.imports) {
+        if (changed_.count(import.file_id) == 0) return false;
+        imports_now[import.file_id].push_back({import.module, import.name.value_or(""), import.alias.value_or("")});
+    }
+    if (!std::all_of(written.references.begin(), written.references.end(),
+                     [&](const SnapshotReference& ref) { return changed_.count(ref.file_id) > 0; })) {
+        return false;
+    }
+    Statement module(db_, "SELECT module_name FROM files WHERE id = ?");
+    const auto add = [&](std::string_view name) { names_.emplace(name); };
+    for (auto& [file_id, before] : before_) {
+        module.bind(1, file_id);
+        if (!module.step() || module.column_text(0) != before.module_name) return false;
+        module.reset();
+
+        auto& now_imports = imports_now[file_id];
+        std::sort(before.imports.begin(), before.imports.end());
+        std::sort(now_imports.begin(), now_imports.end());
+        if (before.imports != now_imports) {
+            const auto wildcards = [](const std::vector<ImportRow>& rows) {
+                std::vector<std::string> out;
+                for (const auto& row : rows) {
+                    if (row.name == "*") out.push_back(row.module);
+                }
+                return out;
+            };
+            if (wildcards(before.imports) != wildcards(now_imports)) return false;
+            for (const auto* rows : {&before.imports, &now_imports}) {
+                for (const auto& row : *rows) import_names(row.module, row.name, row.alias, add);
+            }
+        }
+
+        // Definitions by name, each as (qualified name, kind, id) in id order.
+        using Definitions = std::map<std::string, std::vector<std::tuple<std::string, std::string, std::int64_t>>>;
+        Definitions old_by_name;
+        Definitions new_by_name;
+        for (const auto& symbol : before.symbols) old_by_name[symbol.name].emplace_back(symbol.fqn, symbol.kind, symbol.id);
+        for (const SnapshotSymbol* symbol : symbols_now[file_id]) {
+            new_by_name[symbol->name].emplace_back(symbol->fqn, symbol->kind, symbol->id);
+        }
+        const auto same_definitions = [](auto a, auto b) {
+            std::sort(a.begin(), a.end());
+            std::sort(b.begin(), b.end());
+            return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                              [](const auto& x, const auto& y) { return std::get<0>(x) == std::get<0>(y) && std::get<1>(x) == std::get<1>(y); });
+        };
+        for (auto& [name, definitions] : old_by_name) {
+            const auto now = new_by_name.find(name);
+            if (now == new_by_name.end() || !same_definitions(definitions, now->second)) {
+                add(name);
+                continue;
+            }
+            // Defined again as before: each old symbol stands for the new one of the same
+            // qualified name and kind, in order.
+            std::sort(definitions.begin(), definitions.end());
+            std::sort(now->second.begin(), now->second.end());
+            for (std::size_t i = 0; i < definitions.size(); ++i) new_id_[std::get<2>(definitions[i])] = std::get<2>(now->second[i]);
+        }
+        for (const auto& [name, definitions] : new_by_name) {
+            if (old_by_name.count(name) == 0) add(name);
+        }
+    }
+    return true;
 }
 
-// The changed files' references, and the others that use a name whose definitions may differ.
-std::vector<SnapshotReference> IncrementalRefresh::references_to_resolve(const IndexSnapshot& written) const {
-    std::vector<SnapshotReference> out = written.references;
-    std::unordered_set<std::string_view, TransparentHash, std::equal_to<>> names(names_.begin(), names_.end());
-    Statement refs(db_, "SELECT id, file_id, name, qualifier, usage_type FROM refs");
-    while (refs.step()) {
-        if (names.count(refs.column_text(2)) == 0 || changed_.count(refs.column_int64(1)) > 0) continue;
-        out.push_back({refs.column_int64(0), refs.column_int64(1), refs.column_string(2), refs.column_string(3), refs.column_string(4)});
-    }
-    return out;
-}
-
-// Every file and import, and the symbols of each name the references can reach: their own
-// names, the changed names, and the original names behind aliased imports (a lookup of an
-// alias goes on with the name it stands for).
-IndexSnapshot IncrementalRefresh::snapshot_for(std::vector<SnapshotReference> references, const std::vector<PackageRoot>& packages) {
+// Every file and import, and the references to resolve again: those of the changed files; those
+// elsewhere that use a changed name, or an alias of an import of one (`from m import a as b`:
+// code says `b`); and those whose definition went without a successor.
+IndexSnapshot IncrementalRefresh::snapshot_for(const IndexSnapshot& written, const std::vector<PackageRoot>& packages) {
     IndexSnapshot snapshot;
     {
         Statement files(db_, "SELECT id, path, language, is_test, is_source, module_name FROM files ORDER BY id");
@@ -110,19 +152,41 @@ IndexSnapshot IncrementalRefresh::snapshot_for(std::vector<SnapshotReference> re
                                       files.column_int64(4) != 0, files.column_string(5)});
         }
     }
-    std::set<std::string, std::less<>> wanted(names_.begin(), names_.end());
+    std::set<std::string, std::less<>> wanted(names_.begin(), names_.end());  // symbols to load
+    std::unordered_set<std::string, TransparentHash, std::equal_to<>> ref_names(names_.begin(), names_.end());
     {
         Statement imports(db_, "SELECT file_id, module, name, alias FROM imports ORDER BY id");
         while (imports.step()) {
             snapshot.imports.push_back({imports.column_int64(0), imports.column_string(1), imports.column_optional_text(2),
                                         imports.column_optional_text(3)});
             const auto& import = snapshot.imports.back();
-            if (import.alias) {
-                import_names(import.module, import.name.value_or(""), "", [&](std::string_view name) { wanted.emplace(name); });
-            }
+            if (!import.alias) continue;
+            // A lookup of an alias goes on with the name it stands for.
+            bool changed = false;
+            import_names(import.module, import.name.value_or(""), "", [&](std::string_view name) {
+                wanted.emplace(name);
+                changed |= names_.count(std::string(name)) > 0;
+            });
+            if (changed) ref_names.insert(*import.alias);
         }
     }
-    for (const auto& ref : references) wanted.insert(ref.name);
+
+    snapshot.references = written.references;
+    std::unordered_set<std::int64_t> orphaned;  // references whose definition has no successor
+    for (const auto& edge : edges_in_) {
+        if (new_id_.count(edge.symbol_id) == 0 && old_references_.count(edge.reference_id) == 0) orphaned.insert(edge.reference_id);
+    }
+    if (!ref_names.empty() || !orphaned.empty()) {
+        Statement refs(db_, "SELECT id, file_id, name, qualifier, usage_type FROM refs");
+        while (refs.step()) {
+            if (changed_.count(refs.column_int64(1)) > 0) continue;
+            if (ref_names.count(refs.column_text(2)) == 0 && orphaned.count(refs.column_int64(0)) == 0) continue;
+            snapshot.references.push_back(
+                {refs.column_int64(0), refs.column_int64(1), refs.column_string(2), refs.column_string(3), refs.column_string(4)});
+        }
+    }
+
+    for (const auto& ref : snapshot.references) wanted.insert(ref.name);
     Statement symbols(db_, "SELECT id, file_id, name, fqn, kind, production_fan_in FROM symbols "
                            "WHERE name = ?1 COLLATE NOCASE AND name = ?1");
     for (const auto& name : wanted) {
@@ -134,15 +198,31 @@ IndexSnapshot IncrementalRefresh::snapshot_for(std::vector<SnapshotReference> re
         symbols.reset();
     }
     std::sort(snapshot.symbols.begin(), snapshot.symbols.end(), [](const auto& a, const auto& b) { return a.id < b.id; });
-    snapshot.references = std::move(references);
     snapshot.packages = packages;
     return snapshot;
 }
 
-// Replaces the edges of the resolved references (and removes those of the changed files'
-// former references); returns the symbols that gained or lost an edge.
-std::set<std::int64_t> IncrementalRefresh::write_edges(const std::vector<SnapshotReference>& resolved,
-                                                       const std::vector<ReferenceEdge>& edges) {
+// Writes the edges: the resolved references' new ones in place of their stored ones (and of
+// the changed files' former references), and for every other reference into a changed file,
+// its edge carried to the successor of its symbol. Returns how the production fan-in of each
+// symbol changes: an edge from a file that is not a test counts one.
+std::map<std::int64_t, std::int64_t> IncrementalRefresh::write_edges(const IndexSnapshot& snapshot,
+                                                                     std::vector<ReferenceEdge> edges) {
+    std::unordered_set<std::int64_t> from_tests;
+    for (const auto& file : snapshot.files) {
+        if (file.is_test) from_tests.insert(file.id);
+    }
+    std::unordered_set<std::int64_t> resolved;
+    std::unordered_set<std::int64_t> test_references;
+    for (const auto& ref : snapshot.references) {
+        resolved.insert(ref.id);
+        if (from_tests.count(ref.file_id) > 0) test_references.insert(ref.id);
+    }
+    // Former references all lie in changed files, which keep their test flag.
+    for (const auto& [ref, file] : old_references_) {
+        if (from_tests.count(file) > 0) test_references.insert(ref);
+    }
+
     std::vector<ReferenceEdge> before;
     Statement targets(db_, "SELECT symbol_id FROM ref_targets WHERE ref_id = ?");
     const auto read = [&](std::int64_t ref) {
@@ -150,11 +230,21 @@ std::set<std::int64_t> IncrementalRefresh::write_edges(const std::vector<Snapsho
         while (targets.step()) before.push_back({targets.column_int64(0), ref});
         targets.reset();
     };
-    for (const auto& ref : resolved) {
+    for (const auto& ref : snapshot.references) {
         if (changed_.count(ref.file_id) == 0) read(ref.id);
     }
-    for (std::int64_t ref : old_references_) read(ref);
+    for (const auto& entry : old_references_) read(entry.first);
     std::sort(before.begin(), before.end());
+
+    std::map<std::int64_t, std::int64_t> fan_in_change;
+    std::vector<ReferenceEdge> carried;
+    for (const auto& edge : edges_in_) {
+        if (resolved.count(edge.reference_id) > 0 || old_references_.count(edge.reference_id) > 0) continue;
+        const auto successor = new_id_.find(edge.symbol_id);
+        if (successor == new_id_.end()) continue;
+        carried.push_back({successor->second, edge.reference_id});
+        if (!edge.from_test) ++fan_in_change[successor->second];
+    }
 
     std::vector<ReferenceEdge> removed;
     std::vector<ReferenceEdge> added;
@@ -165,30 +255,26 @@ std::set<std::int64_t> IncrementalRefresh::write_edges(const std::vector<Snapsho
         remove.bind(1, edge.symbol_id).bind(2, edge.reference_id);
         remove.run();
     }
+    for (const auto& edge : removed) {
+        if (test_references.count(edge.reference_id) == 0) --fan_in_change[edge.symbol_id];
+    }
+    for (const auto& edge : added) {
+        if (test_references.count(edge.reference_id) == 0) ++fan_in_change[edge.symbol_id];
+    }
+    added.insert(added.end(), carried.begin(), carried.end());
     storage::MultiRowInsert insert(db_, "INSERT INTO ref_targets(symbol_id, ref_id)", 2, 64);
     insert.insert(added.size(), [&](storage::RowBinder& row, std::size_t k) {
         row.bind(1, added[k].symbol_id).bind(2, added[k].reference_id);
     });
-
-    std::set<std::int64_t> touched;
-    for (const auto& edge : removed) touched.insert(edge.symbol_id);
-    for (const auto& edge : added) touched.insert(edge.symbol_id);
-    return touched;
+    return fan_in_change;
 }
 
-// Production fan-in of each symbol given, counted again from its edges.
-void IncrementalRefresh::write_fan_in(const std::set<std::int64_t>& symbols) {
-    Statement count(db_, "SELECT s.production_fan_in, (SELECT count(*) FROM ref_targets t JOIN refs r ON r.id = t.ref_id "
-                         "JOIN files f ON f.id = r.file_id WHERE t.symbol_id = s.id AND f.is_test = 0) "
-                         "FROM symbols s WHERE s.id = ?");
-    Statement update(db_, "UPDATE symbols SET production_fan_in = ? WHERE id = ?");
-    for (std::int64_t symbol : symbols) {
-        count.bind(1, symbol);
-        if (count.step() && count.column_int64(0) != count.column_int64(1)) {
-            update.bind(1, count.column_int64(1)).bind(2, symbol);
-            update.run();
-        }
-        count.reset();
+void IncrementalRefresh::write_fan_in(const std::map<std::int64_t, std::int64_t>& changes) {
+    Statement update(db_, "UPDATE symbols SET production_fan_in = production_fan_in + ? WHERE id = ?");
+    for (const auto& [symbol, change] : changes) {
+        if (change == 0) continue;
+        update.bind(1, change).bind(2, symbol);
+        update.run();
     }
 }
 
@@ -259,11 +345,10 @@ bool IncrementalRefresh::run(const IndexSnapshot& written, const std::vector<Pac
     if (db_.scalar_int("SELECT count(*) FROM sqlite_master WHERE type = 'index' AND name = 'ref_targets_by_ref'") == 0) {
         return false;
     }
-    if (!change_is_local(written)) return false;
-    const IndexSnapshot snapshot = snapshot_for(references_to_resolve(written), packages);
+    if (!compare_with_before(written)) return false;
+    const IndexSnapshot snapshot = snapshot_for(written, packages);
     const PartialResolution resolution(snapshot);
-    const std::set<std::int64_t> touched = write_edges(snapshot.references, resolution.edges());
-    write_fan_in(touched);
+    write_fan_in(write_edges(snapshot, resolution.edges()));
     write_covering_tests(resolution, snapshot);
     return true;
 }

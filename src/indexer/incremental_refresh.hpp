@@ -3,15 +3,19 @@
 // fan-in, covering tests) up to date by resolving again only the references whose meaning the
 // change can alter, instead of every reference of the repository:
 //   - the references of the changed files;
-//   - elsewhere, the references that use a name the changed files defined or imported, before
-//     or after the change (a definition gained or lost, an import that re-exports it);
-// and writes the difference. What else could change a reference's meaning (files added,
+//   - elsewhere, the references that use a name whose definitions in the changed files differ
+//     (gained, lost, or of another qualified name or kind), or that the changed files' imports
+//     name when those imports differ; and those whose definition went without a successor.
+// A definition that comes back as it was (same name, qualified name and kind) gets a new id,
+// and the edges into it are carried over to that id. The difference is what is written. What else could change a reference's meaning (files added,
 // removed or reclassified, a module that names itself differently, a changed `import *`,
 // manifests) is left to a whole resolution. Tests compare the result with a fresh index.
 
 #include <cstdint>
+#include <map>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -34,19 +38,35 @@ public:
     bool run(const IndexSnapshot& written, const std::vector<PackageRoot>& packages);
 
 private:
-    bool change_is_local(const IndexSnapshot& written);
-    std::vector<SnapshotReference> references_to_resolve(const IndexSnapshot& written) const;
-    IndexSnapshot snapshot_for(std::vector<SnapshotReference> references, const std::vector<PackageRoot>& packages);
-    std::set<std::int64_t> write_edges(const std::vector<SnapshotReference>& resolved, const std::vector<ReferenceEdge>& edges);
-    void write_fan_in(const std::set<std::int64_t>& symbols);
+    struct ImportRow {
+        std::string module, name, alias;
+        auto operator<=>(const ImportRow&) const = default;
+    };
+    // What a changed file held before this run.
+    struct FileBefore {
+        std::vector<SnapshotSymbol> symbols;
+        std::vector<ImportRow> imports;
+        std::string module_name;
+    };
+    struct EdgeIn {
+        std::int64_t symbol_id = 0;
+        std::int64_t reference_id = 0;
+        bool from_test = false;
+    };
+
+    bool compare_with_before(const IndexSnapshot& written);
+    IndexSnapshot snapshot_for(const IndexSnapshot& written, const std::vector<PackageRoot>& packages);
+    std::map<std::int64_t, std::int64_t> write_edges(const IndexSnapshot& snapshot, std::vector<ReferenceEdge> edges);
+    void write_fan_in(const std::map<std::int64_t, std::int64_t>& changes);
     void write_covering_tests(const PartialResolution& resolution, const IndexSnapshot& snapshot);
 
     storage::Database& db_;
     std::unordered_set<std::int64_t> changed_;
-    std::unordered_set<std::string> names_;               // names whose definitions may have changed
-    std::vector<std::int64_t> old_references_;            // the changed files' references before
-    std::vector<std::pair<std::int64_t, std::string>> old_module_names_;
-    std::vector<std::pair<std::int64_t, std::string>> old_wildcards_;  // (file, module) of `import *`
+    std::map<std::int64_t, FileBefore> before_;
+    std::vector<EdgeIn> edges_in_;                                 // edges into the changed files' symbols
+    std::unordered_map<std::int64_t, std::int64_t> old_references_;  // the changed files' references -> file
+    std::unordered_set<std::string> names_;                        // names whose definitions differ
+    std::unordered_map<std::int64_t, std::int64_t> new_id_;        // symbol defined again as it was -> new id
 };
 
 }  // namespace orvane_kestrix::indexer

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cctype>
 #include <map>
+#include <memory>
+#include <mutex>
 #include <regex>
 #include <set>
 #include <string_view>
@@ -162,21 +164,20 @@ public:
     // ("os.path" on every call). One per resolving thread.
     using QualifierCache = std::map<std::pair<Index, std::string>, ModuleTarget>;
 
-    // Builds every lookup and resolves every file's imports; from then on the resolver only
-    // reads, so threads can share it.
-    explicit Resolver(const IndexSnapshot& snapshot) : s_(snapshot) {
+    // Builds every lookup; from then on the resolver only reads, so threads can share it. A
+    // file's imports are resolved when first needed (once, whichever thread needs them): a
+    // refresh that resolves a few references needs the imports of few files.
+    explicit Resolver(const IndexSnapshot& snapshot)
+        : s_(snapshot),
+          import_rows_(snapshot.files.size()),
+          imports_(snapshot.files.size()),
+          imports_resolved_(std::make_unique<std::once_flag[]>(snapshot.files.size())) {
         set_packages(s_.packages);
         build_file_indexes();
-        // The symbol lookups and the imports (which need only the files) are built side by side.
         WorkerThreads by_file(1, [&](std::size_t) { build_symbols_by_file(); });
-        std::vector<std::vector<const SnapshotImport*>> imports_of_file(s_.files.size());
         for (const auto& import : s_.imports) {
-            if (auto it = file_index_.find(import.file_id); it != file_index_.end()) {
-                imports_of_file[it->second].push_back(&import);
-            }
+            if (auto it = file_index_.find(import.file_id); it != file_index_.end()) import_rows_[it->second].push_back(&import);
         }
-        imports_.reserve(s_.files.size());
-        for (Index file = 0; file < s_.files.size(); ++file) imports_.push_back(resolve_imports(file, imports_of_file[file]));
         build_symbols_by_name();
         by_file.join();
     }
@@ -598,7 +599,10 @@ private:
         return cache.emplace(std::move(key), resolve_module(file, qualifier)).first->second;
     }
 
-    const FileImports& imports_of(Index file) const { return imports_[file]; }
+    const FileImports& imports_of(Index file) const {
+        std::call_once(imports_resolved_[file], [&] { imports_[file] = resolve_imports(file, import_rows_[file]); });
+        return imports_[file];
+    }
 
     // The imports of a file, indexed by the names the file's code uses.
     FileImports resolve_imports(Index file, const std::vector<const SnapshotImport*>& imports) const {
@@ -680,7 +684,9 @@ private:
     std::unordered_map<std::pair<int, std::string_view>, std::vector<Index>, FamilyHash> by_family_name_;
     std::unordered_map<std::string_view, std::vector<Index>> by_name_;
     std::vector<Index> symbol_file_;  // file index of each symbol
-    std::vector<FileImports> imports_;
+    std::vector<std::vector<const SnapshotImport*>> import_rows_;
+    mutable std::vector<FileImports> imports_;  // each filled once, under its flag
+    std::unique_ptr<std::once_flag[]> imports_resolved_;
     std::vector<Package> packages_;
 };
 

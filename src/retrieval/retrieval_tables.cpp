@@ -1,9 +1,12 @@
 #include "orvane_kestrix/retrieval/retrieval_tables.hpp"
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
+#include <deque>
 #include <atomic>
 #include <optional>
+#include <span>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -39,6 +42,11 @@ INSERT INTO retrieval_symbol_text(retrieval_symbol_text, rank) VALUES ('hashsize
 INSERT INTO retrieval_file_text(retrieval_file_text, rank) VALUES ('hashsize', 33554432);
 CREATE VIRTUAL TABLE retrieval_symbol_vocab USING fts5vocab(retrieval_symbol_text, 'row');
 CREATE VIRTUAL TABLE retrieval_file_vocab USING fts5vocab(retrieval_file_text, 'row');
+CREATE TABLE retrieval_word_counts(
+  word TEXT PRIMARY KEY,
+  symbols INTEGER NOT NULL,
+  files INTEGER NOT NULL
+) WITHOUT ROWID;
 CREATE TABLE retrieval_file_state(
   file_id INTEGER PRIMARY KEY,
   doc_id INTEGER NOT NULL UNIQUE,
@@ -55,6 +63,7 @@ DROP TABLE IF EXISTS retrieval_symbol_text;
 DROP TABLE IF EXISTS retrieval_file_text;
 DROP TABLE IF EXISTS retrieval_symbol_rows;
 DROP TABLE IF EXISTS retrieval_file_state;
+DROP TABLE IF EXISTS retrieval_word_counts;
 DROP INDEX IF EXISTS retrieval_ref_targets_by_ref;
 )sql";
 
@@ -81,7 +90,77 @@ struct FileJob {
     std::string path_words;
     std::string file_body;
     std::vector<SymbolRow> rows;
+    // Each word of the rows: in how many symbol rows and file rows (0 or 1) it stands.
+    std::vector<std::pair<std::string, std::pair<std::int64_t, std::int64_t>>> word_rows;
 };
+
+// Calls `take` with each token the full-text tables see in `text` (their 'ascii' tokenizer:
+// ASCII letters and digits, and every non-ASCII byte, make tokens; ASCII letters fold to lower
+// case). A token with capitals is folded into `folded`, whose strings outlive the call.
+template <typename Take>
+void for_each_token(std::string_view text, std::deque<std::string>& folded, Take&& take) {
+    const auto is_token = [](char c) {
+        const auto byte = static_cast<unsigned char>(c);
+        return byte >= 0x80 || std::isalnum(byte) != 0;
+    };
+    std::size_t i = 0;
+    while (i < text.size()) {
+        if (!is_token(text[i])) {
+            ++i;
+            continue;
+        }
+        std::size_t end = i;
+        bool capitals = false;
+        while (end < text.size() && is_token(text[end])) capitals |= (text[end] >= 'A' && text[end] <= 'Z'), ++end;
+        std::string_view token = text.substr(i, end - i);
+        if (capitals) {
+            std::string& lower = folded.emplace_back(token);
+            for (char& c : lower) {
+                if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+            }
+            token = lower;
+        }
+        take(token);
+        i = end;
+    }
+}
+
+// Counts the rows each word of a described file stands in (a word counts once per row), for
+// the word-count table. One lookup per token: a row's number marks the words it has counted.
+void count_word_rows(FileJob& job) {
+    struct Tally {
+        std::size_t last_row = static_cast<std::size_t>(-1);
+        std::int64_t symbols = 0;
+        std::int64_t files = 0;
+    };
+    std::unordered_map<std::string_view, Tally> tally;
+    std::deque<std::string> folded;
+    for (std::size_t r = 0; r < job.rows.size(); ++r) {
+        const SymbolRow& row = job.rows[r];
+        for (std::string_view column : {std::string_view(row.name), std::string_view(row.qualified), std::string_view(row.signature),
+                                        std::string_view(row.doc), std::string_view(row.body)}) {
+            for_each_token(column, folded, [&](std::string_view word) {
+                Tally& t = tally[word];
+                if (t.last_row != r) {
+                    t.last_row = r;
+                    ++t.symbols;
+                }
+            });
+        }
+    }
+    const std::size_t file_row = job.rows.size();
+    for (std::string_view column : {std::string_view(job.path_words), std::string_view(job.file_body)}) {
+        for_each_token(column, folded, [&](std::string_view word) {
+            Tally& t = tally[word];
+            if (t.last_row != file_row) {
+                t.last_row = file_row;
+                ++t.files;
+            }
+        });
+    }
+    job.word_rows.reserve(tally.size());
+    for (const auto& [word, t] : tally) job.word_rows.emplace_back(std::string(word), std::pair(t.symbols, t.files));
+}
 
 bool is_class_like(std::string_view kind) {
     return kind == "class" || kind == "interface" || kind == "struct" || kind == "trait" || kind == "enum" ||
@@ -249,9 +328,7 @@ void describe(const RootDirectory& root, FileJob& job) {
     }
 }
 
-void describe_all(const fs::path& root_path, std::vector<FileJob>& jobs, unsigned threads) {
-    const RootDirectory root(root_path);
-    if (threads == 0) threads = std::max(1u, std::thread::hardware_concurrency());
+void describe_all(const RootDirectory& root, std::span<FileJob> jobs, unsigned threads) {
     threads = static_cast<unsigned>(std::min<std::size_t>(threads, std::max<std::size_t>(1, jobs.size())));
     std::atomic<std::size_t> next{0};
     auto work = [&] {
@@ -259,6 +336,7 @@ void describe_all(const fs::path& root_path, std::vector<FileJob>& jobs, unsigne
             const std::size_t i = next.fetch_add(1);
             if (i >= jobs.size()) break;
             describe(root, jobs[i]);
+            count_word_rows(jobs[i]);
         }
     };
     std::vector<std::thread> workers;
@@ -271,6 +349,112 @@ bool table_exists(Database& db, std::string_view name) {
     Statement statement(db, "SELECT 1 FROM sqlite_master WHERE name = ?");
     statement.bind(1, name);
     return statement.step();
+}
+
+std::int64_t meta_int(Database& db, const char* key) {
+    const std::string text = storage::read_meta(db, key).value_or("0");
+    std::int64_t value = 0;
+    std::from_chars(text.data(), text.data() + text.size(), value);
+    return value;
+}
+
+// Files are described in chunks: the workers describe the next chunk while this thread writes
+// the rows of the last one, so that both cores stay busy and only two chunks' texts are held at
+// once (a kernel-sized tree's rows at once took gigabytes).
+constexpr std::size_t kChunkFiles = 256;
+
+// Loads the symbols of each file of the chunk (this thread owns the connection).
+void load_symbols(Statement& symbols, std::span<FileJob> chunk) {
+    for (FileJob& job : chunk) {
+        symbols.bind(1, job.id);
+        while (symbols.step()) {
+            SymbolFacts symbol;
+            symbol.id = symbols.column_int64(0);
+            symbol.parent = symbols.column_optional_int64(1);
+            symbol.name = symbols.column_string(2);
+            symbol.fqn = symbols.column_string(3);
+            symbol.kind = symbols.column_string(4);
+            symbol.start_line = symbols.column_int64(5);
+            symbol.end_line = symbols.column_int64(6);
+            symbol.signature = symbols.column_optional_text(7);
+            symbol.docstring = symbols.column_optional_text(8);
+            job.symbols.push_back(std::move(symbol));
+        }
+        symbols.reset();
+    }
+}
+
+// Describes `jobs` and writes their rows, their state and the counts of their words; returns
+// the files written.
+std::size_t write_rows(Database& db, const fs::path& root_path, std::vector<FileJob>& jobs, unsigned threads) {
+    const RootDirectory root(root_path);
+    if (threads == 0) threads = std::max(1u, std::thread::hardware_concurrency());
+    Statement symbols(db, "SELECT id, parent_id, name, fqn, kind, start_line, end_line, signature, docstring "
+                          "FROM symbols WHERE file_id = ? ORDER BY id");
+    Statement insert_symbol(db, "INSERT INTO retrieval_symbol_text(rowid, name, qualified, signature, doc, body) "
+                                "VALUES (?, ?, ?, ?, ?, ?)");
+    Statement insert_file(db, "INSERT INTO retrieval_file_text(rowid, path, body) VALUES (?, ?, ?)");
+    Statement insert_state(db, "INSERT INTO retrieval_file_state(file_id, doc_id, content_hash, is_test, symbol_rows) "
+                               "VALUES (?, ?, ?, ?, ?)");
+    std::unordered_map<std::string, std::pair<std::int64_t, std::int64_t>> word_rows;
+    std::int64_t doc_id = meta_int(db, kLastDocKey);
+    std::size_t written = 0;
+
+    const std::span<FileJob> all(jobs);
+    auto chunk_at = [&](std::size_t begin) { return all.subspan(begin, std::min(kChunkFiles, all.size() - begin)); };
+    load_symbols(symbols, chunk_at(0));
+    describe_all(root, chunk_at(0), threads);
+    for (std::size_t begin = 0; begin < all.size(); begin += kChunkFiles) {
+        const std::size_t next = begin + kChunkFiles;
+        std::thread describing;
+        if (next < all.size()) {
+            load_symbols(symbols, chunk_at(next));
+            describing = std::thread([&, next] { describe_all(root, chunk_at(next), threads); });
+        }
+        try {
+            for (FileJob& job : chunk_at(begin)) {
+                for (std::size_t i = 0; i < job.symbols.size(); ++i) {
+                    const SymbolRow& row = job.rows[i];
+                    insert_symbol.bind(1, job.symbols[i].id)
+                        .bind_static(2, row.name)
+                        .bind_static(3, row.qualified)
+                        .bind_static(4, row.signature)
+                        .bind_static(5, row.doc)
+                        .bind_static(6, row.body);
+                    insert_symbol.run();
+                }
+                insert_file.bind(1, ++doc_id).bind_static(2, job.path_words).bind_static(3, job.file_body);
+                insert_file.run();
+                insert_state.bind(1, job.id)
+                    .bind(2, doc_id)
+                    .bind(3, job.content_hash)
+                    .bind(4, job.is_test)
+                    .bind(5, static_cast<std::int64_t>(job.symbols.size()));
+                insert_state.run();
+                for (auto& [word, rows] : job.word_rows) {
+                    auto& total = word_rows[word];
+                    total.first += rows.first;
+                    total.second += rows.second;
+                }
+                ++written;
+                // The texts are written; free them as we go.
+                job = FileJob();
+            }
+        } catch (...) {
+            if (describing.joinable()) describing.join();
+            throw;
+        }
+        if (describing.joinable()) describing.join();
+    }
+    storage::write_meta(db, kLastDocKey, std::to_string(doc_id));
+
+    Statement count(db, "INSERT INTO retrieval_word_counts(word, symbols, files) VALUES (?, ?, ?) ON CONFLICT(word) "
+                        "DO UPDATE SET symbols = symbols + excluded.symbols, files = files + excluded.files");
+    for (const auto& [word, rows] : word_rows) {
+        count.bind(1, word).bind(2, rows.first).bind(3, rows.second);
+        count.run();
+    }
+    return written;
 }
 
 }  // namespace
@@ -286,22 +470,12 @@ bool has_retrieval_tables(Database& db) {
     // All of them: one dropped by hand makes the tables absent (remade by the next refresh),
     // not a query that fails.
     for (const char* table : {"retrieval_symbol_text", "retrieval_file_text", "retrieval_symbol_vocab",
-                              "retrieval_file_vocab", "retrieval_file_state"}) {
+                              "retrieval_file_vocab", "retrieval_file_state", "retrieval_word_counts"}) {
         if (!table_exists(db, table)) return false;
     }
     return storage::read_meta(db, kRetrievalRevisionKey).value_or("") == kRetrievalRevision;
 }
 
-namespace {
-
-std::int64_t meta_int(Database& db, const char* key) {
-    const std::string text = storage::read_meta(db, key).value_or("0");
-    std::int64_t value = 0;
-    std::from_chars(text.data(), text.data() + text.size(), value);
-    return value;
-}
-
-}  // namespace
 
 RetrievalRefreshStats refresh_retrieval_tables(Database& db, const fs::path& root, unsigned jobs) {
     RetrievalRefreshStats stats;
@@ -366,7 +540,8 @@ RetrievalRefreshStats refresh_retrieval_tables(Database& db, const fs::path& roo
     if (same_ids || stale > std::max(kMinStaleForRebuild, live / 4)) {
         db.exec("INSERT INTO retrieval_symbol_text(retrieval_symbol_text) VALUES ('delete-all');"
                 "INSERT INTO retrieval_file_text(retrieval_file_text) VALUES ('delete-all');"
-                "DELETE FROM retrieval_file_state;");
+                "DELETE FROM retrieval_file_state;"
+                "DELETE FROM retrieval_word_counts;");
         stale = 0;
         to_forget.clear();
         to_describe.clear();
@@ -384,58 +559,8 @@ RetrievalRefreshStats refresh_retrieval_tables(Database& db, const fs::path& roo
     jobs_to_run.reserve(to_describe.size());
     for (std::size_t index : to_describe) jobs_to_run.push_back(std::move(all_files[index]));
     if (!jobs_to_run.empty()) {
-        Statement symbols(db, "SELECT id, parent_id, name, fqn, kind, start_line, end_line, signature, docstring "
-                              "FROM symbols WHERE file_id = ? ORDER BY id");
-        for (FileJob& job : jobs_to_run) {
-            symbols.bind(1, job.id);
-            while (symbols.step()) {
-                SymbolFacts symbol;
-                symbol.id = symbols.column_int64(0);
-                symbol.parent = symbols.column_optional_int64(1);
-                symbol.name = symbols.column_string(2);
-                symbol.fqn = symbols.column_string(3);
-                symbol.kind = symbols.column_string(4);
-                symbol.start_line = symbols.column_int64(5);
-                symbol.end_line = symbols.column_int64(6);
-                symbol.signature = symbols.column_optional_text(7);
-                symbol.docstring = symbols.column_optional_text(8);
-                job.symbols.push_back(std::move(symbol));
-            }
-            symbols.reset();
-        }
-        describe_all(root, jobs_to_run, jobs);
-
-        Statement insert_symbol(db, "INSERT INTO retrieval_symbol_text(rowid, name, qualified, signature, doc, body) "
-                                    "VALUES (?, ?, ?, ?, ?, ?)");
-        Statement insert_file(db, "INSERT INTO retrieval_file_text(rowid, path, body) VALUES (?, ?, ?)");
-        Statement insert_state(db, "INSERT INTO retrieval_file_state(file_id, doc_id, content_hash, is_test, symbol_rows) "
-                                   "VALUES (?, ?, ?, ?, ?)");
-        std::int64_t doc_id = meta_int(db, kLastDocKey);
-        for (FileJob& job : jobs_to_run) {
-            for (std::size_t i = 0; i < job.symbols.size(); ++i) {
-                const SymbolRow& row = job.rows[i];
-                insert_symbol.bind(1, job.symbols[i].id)
-                    .bind_static(2, row.name)
-                    .bind_static(3, row.qualified)
-                    .bind_static(4, row.signature)
-                    .bind_static(5, row.doc)
-                    .bind_static(6, row.body);
-                insert_symbol.run();
-            }
-            insert_file.bind(1, ++doc_id).bind_static(2, job.path_words).bind_static(3, job.file_body);
-            insert_file.run();
-            insert_state.bind(1, job.id)
-                .bind(2, doc_id)
-                .bind(3, job.content_hash)
-                .bind(4, job.is_test)
-                .bind(5, static_cast<std::int64_t>(job.symbols.size()));
-            insert_state.run();
-            ++stats.described;
-            // The texts are written; free them as we go.
-            std::string().swap(job.file_body);
-            std::vector<SymbolRow>().swap(job.rows);
-        }
-        storage::write_meta(db, kLastDocKey, std::to_string(doc_id));
+        const std::size_t written = write_rows(db, root, jobs_to_run, jobs);
+        stats.described += static_cast<std::int64_t>(written);
     }
     storage::write_meta(db, kStaleRowsKey, std::to_string(stale));
     transaction.commit();

@@ -55,8 +55,7 @@ SqliteHybridRetriever::SqliteHybridRetriever(storage::Database& db, std::optiona
     catalog_ = IndexCatalog(db_);
     indexed_symbols_ = db_.scalar_int("SELECT coalesce(sum(symbol_rows), 0) FROM retrieval_file_state");
     indexed_files_ = db_.scalar_int("SELECT count(*) FROM retrieval_file_state");
-    symbol_frequency_ = db_.prepare("SELECT doc FROM retrieval_symbol_vocab WHERE term = ?1");
-    file_frequency_ = db_.prepare("SELECT doc FROM retrieval_file_vocab WHERE term = ?1");
+    word_counts_ = db_.prepare("SELECT symbols, files FROM retrieval_word_counts WHERE word = ?1");
 }
 
 RetrievalResult SqliteHybridRetriever::retrieve(const std::string& task, std::int64_t limit, bool include_tests) {
@@ -67,12 +66,9 @@ RetrievalResult SqliteHybridRetriever::retrieve(const std::string& task, std::in
     }
     auto frequency = [&](const std::string& word) {
         WordFrequency df;
-        symbol_frequency_.bind_static(1, word);
-        if (symbol_frequency_.step()) df.symbols = symbol_frequency_.column_int64(0);
-        symbol_frequency_.reset();
-        file_frequency_.bind_static(1, word);
-        if (file_frequency_.step()) df.files = file_frequency_.column_int64(0);
-        file_frequency_.reset();
+        word_counts_.bind_static(1, word);
+        if (word_counts_.step()) df = {word_counts_.column_int64(0), word_counts_.column_int64(1)};
+        word_counts_.reset();
         return df;
     };
     const RetrievalQuery query = make_task_query(task, include_tests, tokenizer_, frequency, indexed_symbols_, indexed_files_);

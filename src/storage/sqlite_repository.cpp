@@ -177,8 +177,9 @@ storage::Database configured(storage::Database db) {
     // otherwise make SQLite recompile it whenever the pattern changes.
     sqlite3_db_config(db.handle(), SQLITE_DBCONFIG_ENABLE_QPSG, 1, nullptr);
     // Pages are read through a memory map rather than copied in by a system call each; the
-    // page cache keeps the hot part of a large index.
-    db.exec("PRAGMA mmap_size = 1073741824");
+    // page cache keeps the hot part of a large index. As much as SQLite allows (it caps the
+    // size): a kernel-sized index is several GB, and only what packs touch is ever paged in.
+    db.exec("PRAGMA mmap_size = 17179869184");
     db.exec("PRAGMA cache_size = -32768");
     return db;
 }

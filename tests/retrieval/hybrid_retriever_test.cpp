@@ -184,6 +184,15 @@ TEST_F(HybridRetrieverTest, TablesFollowTheFiles) {
         EXPECT_EQ(db.scalar_int("SELECT count(*) FROM retrieval_symbol_text_docsize") +
                       db.scalar_int("SELECT count(*) FROM retrieval_file_text_docsize"),
                   db.scalar_int("SELECT coalesce(sum(symbol_rows + 1), 0) FROM retrieval_file_state") + stale);
+        // The word counts kept as rows are written are the counts the full-text index holds.
+        EXPECT_EQ(db.scalar_int("SELECT count(*) FROM retrieval_word_counts"),
+                  db.scalar_int("SELECT count(*) FROM (SELECT term FROM retrieval_symbol_vocab UNION "
+                                "SELECT term FROM retrieval_file_vocab)"));
+        EXPECT_EQ(db.scalar_int("SELECT count(*) FROM retrieval_word_counts w "
+                                "LEFT JOIN retrieval_symbol_vocab s ON s.term = w.word "
+                                "LEFT JOIN retrieval_file_vocab f ON f.term = w.word "
+                                "WHERE w.symbols != coalesce(s.doc, 0) OR w.files != coalesce(f.doc, 0)"),
+                  0);
         return stale;
     };
     index_into(repo_, db_);

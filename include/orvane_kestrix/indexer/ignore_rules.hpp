@@ -30,11 +30,16 @@ public:
     bool ignored(const std::string& path, bool is_dir) const;
 
 private:
+    // Most patterns are a plain name or "*.ext": those are compared without the glob matcher.
+    enum class Shape { literal, suffix, glob };
     struct Rule {
         std::string pattern;
         bool negate = false;
         bool dir_only = false;
         bool anchored = false;
+        Shape shape = Shape::glob;
+        std::string_view suffix() const { return std::string_view(pattern).substr(1); }
+        bool matches(std::string_view text) const;
     };
 
     std::unordered_map<std::string, std::vector<Rule>> rules_by_dir_;

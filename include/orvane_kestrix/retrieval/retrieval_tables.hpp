@@ -14,6 +14,9 @@
 //       (below): path, body (the words of the whole text, each repeated by the order of
 //       magnitude of its count).
 //   retrieval_symbol_vocab, retrieval_file_vocab: fts5vocab 'row' tables (documents per word).
+//   retrieval_word_counts(word, symbols, files): the same counts, kept as rows are written, for
+//       the retriever to read per task word (fts5vocab counts a word's documents by reading
+//       its whole posting list: tens of milliseconds for common words of a large index).
 //   retrieval_file_state(file_id, doc_id, content_hash, is_test, symbol_rows): which row
 //       describes each file and what it was made from; a file whose hash or test flag differs
 //       is described again.
@@ -34,7 +37,7 @@
 namespace orvane_kestrix::retrieval {
 
 inline constexpr const char* kRetrievalRevisionKey = "retrieval_revision";
-inline constexpr const char* kRetrievalRevision = "5";
+inline constexpr const char* kRetrievalRevision = "6";
 // The word a test file's rows carry in their path column, so that a search can leave them out
 // inside the full-text query ("... NOT kxtestfile").
 inline constexpr const char* kTestFileMarker = "kxtestfile";

@@ -67,7 +67,7 @@ private:
     std::int64_t indexed_files_ = 0;
     IndexCatalog catalog_;
     WeightedFusion fusion_;
-    storage::Statement symbol_frequency_, file_frequency_;
+    storage::Statement word_counts_;  // documents per task word, symbol rows and file rows
 };
 
 // The signals and weights the retriever fuses (fusion.hpp).

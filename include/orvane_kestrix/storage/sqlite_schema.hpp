@@ -304,6 +304,8 @@ inline constexpr std::string_view parser_revision = "parser_revision";
 inline constexpr std::string_view generated_files = "generated_files";
 inline constexpr std::string_view last_symbol_id = "last_symbol_id";
 inline constexpr std::string_view last_ref_id = "last_ref_id";
+inline constexpr std::string_view symbol_count = "symbol_count";
+inline constexpr std::string_view reference_count = "reference_count";
 }  // namespace meta_key
 
 // Reads and writes the `meta` table.
