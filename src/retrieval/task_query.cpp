@@ -49,12 +49,18 @@ RetrievalQuery make_task_query(const std::string& task, bool include_tests, Toke
     }
     std::stable_sort(candidates.begin(), candidates.end(), [](const Candidate& a, const Candidate& b) { return a.idf > b.idf; });
     std::int64_t postings = 0;
+    std::int64_t file_postings = 0;
+    std::vector<std::string> file_terms;
     const double files = static_cast<double>(std::max<std::int64_t>(indexed_files, 1));
     for (const auto& candidate : candidates) {
         if (query.terms.size() < kMaxTerms) {
             query.terms.push_back(candidate.word);
             const double df = static_cast<double>(candidate.df.files);
             query.term_idf.push_back(std::log((files - df + 0.5) / (df + 0.5) + 1.0));
+            if (file_terms.empty() || file_postings + candidate.df.files <= kMaxFilePostings) {
+                file_postings += candidate.df.files;
+                file_terms.push_back(candidate.word);
+            }
         }
         if (candidate.df.symbols == 0 || static_cast<double>(candidate.df.symbols) > kMaxSymbolShare * n) continue;
         if (query.symbol_terms.size() >= kMaxSymbolTerms) continue;
@@ -73,7 +79,7 @@ RetrievalQuery make_task_query(const std::string& task, bool include_tests, Toke
         if (!include_tests) match += std::string(" NOT \"") + kTestFileMarker + '"';
         return match;
     };
-    query.file_match = match_of(query.terms);
+    query.file_match = match_of(file_terms);
     query.symbol_match = match_of(query.symbol_terms);
     return query;
 }

@@ -3,10 +3,12 @@
 // it writes, and the search words worth a full-text lookup.
 //
 // Words are chosen by how rare they are in the index: words no symbol or file holds are
-// dropped; the files' text is searched with the rarest kMaxTerms of the rest; the symbols'
-// text, where every row a word matches must be scored, with the rarest kMaxSymbolTerms of
-// those that at most kMaxSymbolShare of the symbols hold, within kMaxPostings (the rows the
-// query visits). A long task (a pasted log) thus costs a bounded search: only its first
+// dropped; the rarest kMaxTerms of the rest are the query's terms (the body signal weighs
+// them all); the files' text is searched with the rarest of those within kMaxFilePostings
+// (the files they are in, summed: every matching row is scored, and on a kernel-sized tree a
+// common word is in tens of thousands of files); the symbols' text with the rarest
+// kMaxSymbolTerms of those that at most kMaxSymbolShare of the symbols hold, within
+// kMaxPostings (the rows the query visits). The rarest word is always searched. A long task (a pasted log) thus costs a bounded search: only its first
 // kMaxCandidateWords distinct words are even looked up.
 
 #include <cstdint>
@@ -23,6 +25,7 @@ inline constexpr std::size_t kMaxTerms = 200;
 inline constexpr std::size_t kMaxSymbolTerms = 24;
 inline constexpr double kMaxSymbolShare = 0.2;
 inline constexpr std::int64_t kMaxPostings = 15000;
+inline constexpr std::int64_t kMaxFilePostings = 5000;
 
 // How many symbols and files hold a search word.
 struct WordFrequency {
