@@ -450,8 +450,13 @@ std::size_t write_rows(Database& db, const fs::path& root_path, std::vector<File
 
     Statement count(db, "INSERT INTO retrieval_word_counts(word, symbols, files) VALUES (?, ?, ?) ON CONFLICT(word) "
                         "DO UPDATE SET symbols = symbols + excluded.symbols, files = files + excluded.files");
-    for (const auto& [word, rows] : word_rows) {
-        count.bind(1, word).bind(2, rows.first).bind(3, rows.second);
+    // In key order: the table's pages then fill one after another instead of at random.
+    std::vector<std::pair<const std::string*, std::pair<std::int64_t, std::int64_t>>> sorted;
+    sorted.reserve(word_rows.size());
+    for (const auto& [word, rows] : word_rows) sorted.emplace_back(&word, rows);
+    std::sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) { return *a.first < *b.first; });
+    for (const auto& [word, rows] : sorted) {
+        count.bind(1, *word).bind(2, rows.first).bind(3, rows.second);
         count.run();
     }
     return written;
