@@ -15,6 +15,7 @@
 #include "orvane_kestrix/beneath_root.hpp"
 #include "orvane_kestrix/regular_file.hpp"
 #include "orvane_kestrix/retrieval/search_words.hpp"
+#include "orvane_kestrix/retrieval/symbol_kinds.hpp"
 
 namespace orvane_kestrix::retrieval {
 
@@ -162,10 +163,6 @@ void count_word_rows(FileJob& job) {
     for (const auto& [word, t] : tally) job.word_rows.emplace_back(std::string(word), std::pair(t.symbols, t.files));
 }
 
-bool is_class_like(std::string_view kind) {
-    return kind == "class" || kind == "interface" || kind == "struct" || kind == "trait" || kind == "enum" ||
-           kind == "module" || kind == "namespace" || kind == "impl";
-}
 
 // Whether a line belongs to the definition below it: a comment line or an annotation.
 bool leads_member(std::string_view line) {
@@ -312,7 +309,7 @@ void describe(const RootDirectory& root, FileJob& job) {
     for (std::size_t i = 0; i < job.symbols.size(); ++i) {
         const SymbolFacts& symbol = job.symbols[i];
         std::vector<std::pair<std::int64_t, std::int64_t>> holes;
-        if (is_class_like(symbol.kind)) {
+        if (holds_members(symbol.kind)) {
             // The member definitions are rows of their own: the class keeps the lines between them.
             if (auto it = children.find(symbol.id); it != children.end()) {
                 for (std::size_t child : it->second) {

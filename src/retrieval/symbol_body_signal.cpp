@@ -3,6 +3,7 @@
 
 #include "orvane_kestrix/beneath_root.hpp"
 #include "orvane_kestrix/regular_file.hpp"
+#include "orvane_kestrix/retrieval/symbol_kinds.hpp"
 #include "orvane_kestrix/retrieval/search_words.hpp"
 #include "orvane_kestrix/retrieval/signals.hpp"
 #include "orvane_kestrix/storage/repository_fan_in.hpp"
@@ -58,10 +59,6 @@ private:
     std::unordered_map<std::string, IdentifierWords, StringHash, std::equal_to<>> memo_;
 };
 
-bool is_class_like(std::string_view kind) {
-    return kind == "class" || kind == "interface" || kind == "struct" || kind == "trait" || kind == "enum" ||
-           kind == "module" || kind == "impl";
-}
 
 // Offsets of the start of each line (1-based line n starts at starts[n - 1]).
 std::vector<std::size_t> line_starts(const std::string& text) {
@@ -137,7 +134,7 @@ SignalScores SymbolBodySignal::score(const RetrievalQuery& query, RetrievalConte
             if (is_minor_symbol(kind, symbol.start_line, symbol.end_line)) continue;
             symbol.id = symbols.column_int64(0);
             symbol.file_id = symbols.column_int64(1);
-            symbol.class_like = is_class_like(kind);
+            symbol.class_like = holds_members(kind);
             symbol.name = symbols.column_string(5);
             by_file[symbol.file_id].push_back(std::move(symbol));
         }
