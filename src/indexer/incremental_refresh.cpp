@@ -34,9 +34,38 @@ struct TransparentHash {
 
 IncrementalRefresh::IncrementalRefresh(storage::Database& db) : db_(db) {}
 
-void IncrementalRefresh::record_before(std::int64_t file_id) {
+void IncrementalRefresh::note_added(std::int64_t file_id) {
+    changed_.insert(file_id);
+    files_added_or_removed_ = true;
+    note_module_keys(file_id);
+}
+
+// The names an import can use for a file that comes or goes: its name without extension, its
+// directory's name (a package, a Go import path) and the last part of its module name. An
+// import naming one of them may now mean other files.
+void IncrementalRefresh::note_module_keys(std::int64_t file_id) {
+    Statement file(db_, "SELECT path, module_name FROM files WHERE id = ?");
+    file.bind(1, file_id);
+    if (!file.step()) return;
+    const std::string_view path = file.column_text(0);
+    const auto slash = path.rfind('/');
+    const std::string_view name = slash == std::string_view::npos ? path : path.substr(slash + 1);
+    module_keys_.emplace(name.substr(0, name.find('.')));
+    if (slash != std::string_view::npos) {
+        const std::string_view dir = path.substr(0, slash);
+        module_keys_.emplace(dir.substr(dir.rfind('/') == std::string_view::npos ? 0 : dir.rfind('/') + 1));
+    }
+    import_names(file.column_text(1), "", "", [&](std::string_view key) { module_keys_.emplace(key); });
+}
+
+void IncrementalRefresh::record_before(std::int64_t file_id, bool removed) {
     if (!changed_.insert(file_id).second) return;
     FileBefore& before = before_[file_id];
+    before.removed = removed;
+    if (removed) {
+        files_added_or_removed_ = true;
+        note_module_keys(file_id);
+    }
     Statement symbols(db_, "SELECT id, name, fqn, kind FROM symbols WHERE file_id = ? ORDER BY id");
     symbols.bind(1, file_id);
     while (symbols.step()) {
@@ -55,9 +84,12 @@ void IncrementalRefresh::record_before(std::int64_t file_id) {
     Statement imports(db_, "SELECT module, coalesce(name, ''), coalesce(alias, '') FROM imports WHERE file_id = ?");
     imports.bind(1, file_id);
     while (imports.step()) before.imports.push_back({imports.column_string(0), imports.column_string(1), imports.column_string(2)});
-    Statement module(db_, "SELECT module_name FROM files WHERE id = ?");
+    Statement module(db_, "SELECT module_name, is_test FROM files WHERE id = ?");
     module.bind(1, file_id);
-    if (module.step()) before.module_name = module.column_string(0);
+    if (module.step()) {
+        before.module_name = module.column_string(0);
+        before.is_test = module.column_int64(1) != 0;
+    }
 }
 
 // Compares each changed file with what it held: the names whose definitions differ (a
@@ -83,7 +115,19 @@ bool IncrementalRefresh::compare_with_before(const IndexSnapshot& written) {
     }
     Statement module(db_, "SELECT module_name FROM files WHERE id = ?");
     const auto add = [&](std::string_view name) { names_.emplace(name); };
+    // A new file: everything it defines and imports is new.
+    for (std::int64_t file_id : changed_) {
+        if (before_.count(file_id) > 0) continue;
+        for (const SnapshotSymbol* symbol : symbols_now[file_id]) add(symbol->name);
+        for (const auto& row : imports_now[file_id]) import_names(row.module, row.name, row.alias, add);
+    }
     for (auto& [file_id, before] : before_) {
+        if (before.removed) {
+            // Everything it defined and imported is gone; its references went with it.
+            for (const auto& symbol : before.symbols) add(symbol.name);
+            for (const auto& row : before.imports) import_names(row.module, row.name, row.alias, add);
+            continue;
+        }
         module.bind(1, file_id);
         if (!module.step() || module.column_text(0) != before.module_name) return false;
         module.reset();
@@ -154,12 +198,22 @@ IndexSnapshot IncrementalRefresh::snapshot_for(const IndexSnapshot& written, con
     }
     std::set<std::string, std::less<>> wanted(names_.begin(), names_.end());  // symbols to load
     std::unordered_set<std::string, TransparentHash, std::equal_to<>> ref_names(names_.begin(), names_.end());
+    std::unordered_set<std::int64_t> importers;  // files whose imports may now mean other files
     {
         Statement imports(db_, "SELECT file_id, module, name, alias FROM imports ORDER BY id");
         while (imports.step()) {
             snapshot.imports.push_back({imports.column_int64(0), imports.column_string(1), imports.column_optional_text(2),
                                         imports.column_optional_text(3)});
             const auto& import = snapshot.imports.back();
+            if (!module_keys_.empty() && changed_.count(import.file_id) == 0 && importers.count(import.file_id) == 0) {
+                bool names_moved = module_keys_.count(import.name.value_or("")) > 0;
+                for (std::size_t start = 0; !names_moved && start <= import.module.size();) {
+                    const std::size_t end = std::min(import.module.find_first_of("./:", start), import.module.size());
+                    names_moved = end > start && module_keys_.count(import.module.substr(start, end - start)) > 0;
+                    start = end + 1;
+                }
+                if (names_moved) importers.insert(import.file_id);
+            }
             if (!import.alias) continue;
             // A lookup of an alias goes on with the name it stands for.
             bool changed = false;
@@ -176,11 +230,14 @@ IndexSnapshot IncrementalRefresh::snapshot_for(const IndexSnapshot& written, con
     for (const auto& edge : edges_in_) {
         if (new_id_.count(edge.symbol_id) == 0 && old_references_.count(edge.reference_id) == 0) orphaned.insert(edge.reference_id);
     }
-    if (!ref_names.empty() || !orphaned.empty()) {
+    if (!ref_names.empty() || !orphaned.empty() || !importers.empty()) {
         Statement refs(db_, "SELECT id, file_id, name, qualifier, usage_type FROM refs");
         while (refs.step()) {
-            if (changed_.count(refs.column_int64(1)) > 0) continue;
-            if (ref_names.count(refs.column_text(2)) == 0 && orphaned.count(refs.column_int64(0)) == 0) continue;
+            const std::int64_t file = refs.column_int64(1);
+            if (changed_.count(file) > 0) continue;
+            if (ref_names.count(refs.column_text(2)) == 0 && orphaned.count(refs.column_int64(0)) == 0 && importers.count(file) == 0) {
+                continue;
+            }
             snapshot.references.push_back(
                 {refs.column_int64(0), refs.column_int64(1), refs.column_string(2), refs.column_string(3), refs.column_string(4)});
         }
@@ -218,9 +275,9 @@ std::map<std::int64_t, std::int64_t> IncrementalRefresh::write_edges(const Index
         resolved.insert(ref.id);
         if (from_tests.count(ref.file_id) > 0) test_references.insert(ref.id);
     }
-    // Former references all lie in changed files, which keep their test flag.
+    // Former references lie in changed or removed files, as they were.
     for (const auto& [ref, file] : old_references_) {
-        if (from_tests.count(file) > 0) test_references.insert(ref);
+        if (before_.at(file).is_test) test_references.insert(ref);
     }
 
     std::vector<ReferenceEdge> before;
@@ -293,6 +350,11 @@ void IncrementalRefresh::write_covering_tests(const PartialResolution& resolutio
     }
     for (std::int64_t file : changed_) {
         if (is_test_file(file)) uses[file];
+    }
+    if (files_added_or_removed_) {
+        for (const auto& file : snapshot.files) {
+            if (file.is_test && file.is_source) uses[file.id];
+        }
     }
     Statement used(db_, "SELECT t.symbol_id, s.file_id FROM refs r JOIN ref_targets t ON t.ref_id = r.id "
                         "JOIN symbols s ON s.id = t.symbol_id WHERE r.file_id = ?");

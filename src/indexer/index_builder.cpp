@@ -558,24 +558,31 @@ private:
                 kept_.insert(candidate.facts.path);
                 mark_stale();
                 note_change(candidate);
-                written_.insert(store_->write_parsed(
-                    result.parsed, candidate.stored ? std::optional<std::int64_t>(candidate.stored->id) : std::nullopt,
-                    &collected_));
+                {
+                    const std::int64_t id = store_->write_parsed(
+                        result.parsed, candidate.stored ? std::optional<std::int64_t>(candidate.stored->id) : std::nullopt,
+                        &collected_);
+                    written_.insert(id);
+                    if (incremental_ && candidate.stored == nullptr) incremental_->note_added(id);
+                }
                 ++in_batch_;
                 break;
         }
     }
 
-    // A file about to be replaced: what it held is recorded while the refresh can still be
-    // incremental; a new or reclassified file, or too many changes, need a whole resolution.
+    // A file about to be written: what it held is recorded while the refresh can still be
+    // incremental; a reclassified file, or too many changes, need a whole resolution.
     void note_change(const Candidate& candidate) {
         if (!incremental_) return;
-        const std::size_t limit = std::max<std::size_t>(kIncrementalMinFiles, stored_.size() / kIncrementalShare);
-        if (candidate.stored == nullptr || facts_differ(*candidate.stored, candidate.facts) || incremental_->changed_files() >= limit) {
+        if ((candidate.stored != nullptr && facts_differ(*candidate.stored, candidate.facts)) || incremental_->changed_files() >= incremental_limit()) {
             incremental_.reset();
             return;
         }
-        incremental_->record_before(candidate.stored->id);
+        if (candidate.stored != nullptr) incremental_->record_before(candidate.stored->id);
+    }
+
+    std::size_t incremental_limit() const {
+        return std::max<std::size_t>(kIncrementalMinFiles, stored_.size() / kIncrementalShare);
     }
 
     void begin_batch() {
@@ -608,9 +615,14 @@ private:
             if (kept_.count(path) == 0) gone.push_back(file.id);
         }
         if (!gone.empty() || !facts_changed_.empty()) {
-            incremental_.reset();
+            if (!facts_changed_.empty() || (incremental_ && incremental_->changed_files() + gone.size() > incremental_limit())) {
+                incremental_.reset();
+            }
             mark_stale();
-            for (std::int64_t id : gone) store_->delete_file(id);
+            for (std::int64_t id : gone) {
+                if (incremental_) incremental_->record_before(id, /*removed=*/true);
+                store_->delete_file(id);
+            }
             for (std::size_t index : facts_changed_) store_->update_facts(candidates_[index].stored->id, candidates_[index].facts);
             commit_batch();
         }
@@ -624,6 +636,7 @@ private:
         lap("parse");
         storage::Transaction refresh(db_);
         if (incremental_ && incremental_->run(collected_, packages_)) {
+            store_->prune_components();
             lap("resolve changes");
         } else {
             store_->prune_components();

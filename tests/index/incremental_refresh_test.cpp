@@ -24,8 +24,9 @@ using Files = std::map<std::string, std::string>;
 struct RefreshCase {
     const char* name;
     Files before;
-    Files edits;              // files whose content changes (their paths stay)
+    Files edits;              // files written (changed in place, or new)
     bool incremental = true;  // whether the change is one the partial resolution takes
+    std::vector<std::string> removed = {};
 };
 
 void PrintTo(const RefreshCase& c, std::ostream* os) { *os << c.name; }
@@ -103,6 +104,34 @@ const std::vector<RefreshCase>& cases() {
           {"src/app.js", "import { format, parse } from './util';\nexport function main() { return format(parse(1)); }\n"}},
          {{"src/util.js", "export function format(x) { return x; }\n"},
           {"src/app.js", "import { format as show } from './util';\nexport function main() { return show(2); }\n"}}},
+        {"python module shadowed by a new file",
+         {{"pkg/util.py", "def helper():\n    return 1\n"},
+          {"app.py", "import util\n\ndef main():\n    return util.helper()\n"}},
+         {{"util.py", "def other():\n    return 2\n"}}},
+        {"source file removed",
+         {{"lib.py", "def helper():\n    return 1\n"},
+          {"extra.py", "def helper():\n    return 2\n"},
+          {"app.py", "def main():\n    return helper()\n"},
+          {"tests/test_lib.py", "from lib import helper\n\ndef test_helper():\n    assert helper()\n"}},
+         {},
+         true,
+         {"extra.py"}},
+        {"test named after a new source file",
+         {{"shop/cart.py", "def total():\n    return 1\n"},
+          {"tests/test_tax.py", "def test_rate():\n    assert True\n"},
+          {"tests/test_cart.py", "from shop.cart import total\n\ndef test_total():\n    assert total()\n"}},
+         {{"shop/tax.py", "def rate():\n    return 2\n"}}},
+        {"test file removed",
+         {{"shop/cart.py", "def total():\n    return 1\n"},
+          {"tests/test_cart.py", "from shop.cart import total\n\ndef test_total():\n    assert total()\n"},
+          {"tests/test_more.py", "from shop.cart import total\n\ndef test_more():\n    assert total() and total()\n"}},
+         {},
+         true,
+         {"tests/test_cart.py"}},
+        {"c header added",
+         {{"util.c", "int scale(int x) { return x * 2; }\n"},
+          {"main.c", "#include \"util.h\"\nint main(void) { return scale(1); }\n"}},
+         {{"util.h", "int scale(int x);\n"}}},
         {"module renames itself",
          {{"src/com/shop/Cart.java", "package com.shop;\npublic class Cart {\n  public int total() { return 1; }\n}\n"},
           {"src/com/shop/App.java", "package com.shop;\nimport com.shop.Cart;\npublic class App {\n"
@@ -143,8 +172,10 @@ TEST_P(IncrementalRefresh, EqualsAnIndexBuiltFromScratch) {
     write(c.before);
     index("refreshed.db");
     write(c.edits);
+    for (const auto& path : c.removed) fs::remove(dir_.path() / "repo" / path);
     const IndexStats refresh = index("refreshed.db");
     EXPECT_EQ(refresh.parsed, static_cast<std::int64_t>(c.edits.size()));
+    EXPECT_EQ(refresh.removed, static_cast<std::int64_t>(c.removed.size()));
     EXPECT_EQ(resolved_changes_only(refresh), c.incremental);
     index("fresh.db");
     EXPECT_EQ(kestrix_test::dump_by_name(dir_.path() / "refreshed.db"), kestrix_test::dump_by_name(dir_.path() / "fresh.db"));
@@ -156,13 +187,14 @@ INSTANTIATE_TEST_SUITE_P(Cases, IncrementalRefresh, ::testing::ValuesIn(cases())
     return name;
 });
 
-// A change that adds a file is resolved whole, and still equals a fresh index.
-TEST_F(IncrementalRefresh, NewFilesAreResolvedWhole) {
-    write({{"a.py", "def one():\n    return two()\n"}});
+// A file moved to another directory is a removal and an addition: still resolved in part.
+TEST_F(IncrementalRefresh, AMovedFileIsResolvedInPart) {
+    write({{"a.py", "def one():\n    return two()\n"}, {"b.py", "def two():\n    return 2\n"}});
     index("refreshed.db");
-    write({{"b.py", "def two():\n    return 2\n"}});
+    fs::create_directories(dir_.path() / "repo" / "tests");
+    fs::rename(dir_.path() / "repo" / "b.py", dir_.path() / "repo" / "tests" / "b.py");
     const IndexStats refresh = index("refreshed.db");
-    EXPECT_FALSE(resolved_changes_only(refresh));
+    EXPECT_TRUE(resolved_changes_only(refresh));
     index("fresh.db");
     EXPECT_EQ(kestrix_test::dump_by_name(dir_.path() / "refreshed.db"), kestrix_test::dump_by_name(dir_.path() / "fresh.db"));
 }
