@@ -51,6 +51,7 @@ void IncrementalRefresh::note_module_keys(std::int64_t file_id) {
     const auto slash = path.rfind('/');
     const std::string_view name = slash == std::string_view::npos ? path : path.substr(slash + 1);
     module_keys_.emplace(name.substr(0, name.find('.')));
+    moved_stems_.emplace(name.substr(0, name.find('.')));
     if (slash != std::string_view::npos) {
         const std::string_view dir = path.substr(0, slash);
         module_keys_.emplace(dir.substr(dir.rfind('/') == std::string_view::npos ? 0 : dir.rfind('/') + 1));
@@ -198,7 +199,7 @@ IndexSnapshot IncrementalRefresh::snapshot_for(const IndexSnapshot& written, con
     }
     std::set<std::string, std::less<>> wanted(names_.begin(), names_.end());  // symbols to load
     std::unordered_set<std::string, TransparentHash, std::equal_to<>> ref_names(names_.begin(), names_.end());
-    std::unordered_set<std::int64_t> importers;  // files whose imports may now mean other files
+    std::unordered_set<std::int64_t>& importers = importers_;
     {
         Statement imports(db_, "SELECT file_id, module, name, alias FROM imports ORDER BY id");
         while (imports.step()) {
@@ -351,9 +352,19 @@ void IncrementalRefresh::write_covering_tests(const PartialResolution& resolutio
     for (std::int64_t file : changed_) {
         if (is_test_file(file)) uses[file];
     }
+    // A file that came or went changes the coverage of the tests that import it (by the
+    // files' names, resolved again above) and of those named after it.
+    for (std::int64_t file : importers_) {
+        if (is_test_file(file)) uses[file];
+    }
     if (files_added_or_removed_) {
         for (const auto& file : snapshot.files) {
-            if (file.is_test && file.is_source) uses[file.id];
+            if (!file.is_test || !file.is_source) continue;
+            const std::string_view name = std::string_view(file.path).substr(file.path.rfind('/') + 1);
+            if (std::any_of(moved_stems_.begin(), moved_stems_.end(),
+                            [&](const std::string& stem) { return name.find(stem) != std::string_view::npos; })) {
+                uses[file.id];
+            }
         }
     }
     Statement used(db_, "SELECT t.symbol_id, s.file_id FROM refs r JOIN ref_targets t ON t.ref_id = r.id "

@@ -78,6 +78,8 @@ private:
     std::unordered_map<std::int64_t, std::int64_t> new_id_;        // symbol defined again as it was -> new id
     bool files_added_or_removed_ = false;                           // then every test's coverage is redone
     std::unordered_set<std::string> module_keys_;                  // names imports may use for those files
+    std::unordered_set<std::string> moved_stems_;                  // those files' names without extension
+    std::unordered_set<std::int64_t> importers_;                   // files whose imports may now mean other files
 };
 
 }  // namespace orvane_kestrix::indexer
