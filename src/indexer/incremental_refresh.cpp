@@ -7,6 +7,7 @@
 
 #include "orvane_kestrix/indexer/index_store.hpp"
 #include "orvane_kestrix/storage/multi_row_insert.hpp"
+#include "orvane_kestrix/text/string_hash.hpp"
 
 namespace orvane_kestrix::indexer {
 
@@ -24,11 +25,6 @@ void import_names(std::string_view module, std::string_view name, std::string_vi
     const std::string_view tail = last == std::string_view::npos ? module : module.substr(last + 1);
     if (!tail.empty()) add(tail);
 }
-
-struct TransparentHash {
-    using is_transparent = void;
-    std::size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
-};
 
 }  // namespace
 
@@ -198,7 +194,7 @@ IndexSnapshot IncrementalRefresh::snapshot_for(const IndexSnapshot& written, con
         }
     }
     std::set<std::string, std::less<>> wanted(names_.begin(), names_.end());  // symbols to load
-    std::unordered_set<std::string, TransparentHash, std::equal_to<>> ref_names(names_.begin(), names_.end());
+    std::unordered_set<std::string, text::StringHash, std::equal_to<>> ref_names(names_.begin(), names_.end());
     std::unordered_set<std::int64_t>& importers = importers_;
     {
         Statement imports(db_, "SELECT file_id, module, name, alias FROM imports ORDER BY id");

@@ -7,6 +7,7 @@
 #include "orvane_kestrix/retrieval/search_words.hpp"
 #include "orvane_kestrix/retrieval/signals.hpp"
 #include "orvane_kestrix/storage/repository_fan_in.hpp"
+#include "orvane_kestrix/text/string_hash.hpp"
 
 namespace orvane_kestrix::retrieval {
 
@@ -34,11 +35,6 @@ struct IdentifierWords {
     std::vector<std::uint32_t> terms;
 };
 
-struct StringHash {
-    using is_transparent = void;
-    std::size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
-};
-
 class IdentifierMemo {
 public:
     explicit IdentifierMemo(const std::unordered_map<std::string_view, std::uint32_t>& terms) : terms_(terms) {}
@@ -56,7 +52,7 @@ public:
 
 private:
     const std::unordered_map<std::string_view, std::uint32_t>& terms_;
-    std::unordered_map<std::string, IdentifierWords, StringHash, std::equal_to<>> memo_;
+    std::unordered_map<std::string, IdentifierWords, text::StringHash, std::equal_to<>> memo_;
 };
 
 
