@@ -280,20 +280,12 @@ private:
 // Builds the rows of one file: the file's own and one per symbol.
 void describe(const RootDirectory& root, FileJob& job) {
     job.path_words = search_document(job.path);
-    if (job.is_test) {
-        job.path_words += ' ';
-        job.path_words += kTestFileMarker;
-    }
     job.rows.assign(job.symbols.size(), SymbolRow());
     for (std::size_t i = 0; i < job.symbols.size(); ++i) {
         const SymbolFacts& symbol = job.symbols[i];
         SymbolRow& row = job.rows[i];
         row.name = search_document(symbol.name);
         row.qualified = search_document(symbol.fqn);
-        if (job.is_test) {
-            row.qualified += ' ';
-            row.qualified += kTestFileMarker;
-        }
         if (symbol.signature) row.signature = search_document(*symbol.signature, 1);
         if (symbol.docstring) row.doc = search_document(*symbol.docstring, 1);
     }
@@ -412,7 +404,7 @@ std::size_t write_rows(Database& db, const fs::path& root_path, std::vector<File
             for (FileJob& job : chunk_at(begin)) {
                 for (std::size_t i = 0; i < job.symbols.size(); ++i) {
                     const SymbolRow& row = job.rows[i];
-                    insert_symbol.bind(1, job.symbols[i].id)
+                    insert_symbol.bind(1, job.is_test ? -job.symbols[i].id : job.symbols[i].id)
                         .bind_static(2, row.name)
                         .bind_static(3, row.qualified)
                         .bind_static(4, row.signature)
@@ -420,10 +412,12 @@ std::size_t write_rows(Database& db, const fs::path& root_path, std::vector<File
                         .bind_static(6, row.body);
                     insert_symbol.run();
                 }
-                insert_file.bind(1, ++doc_id).bind_static(2, job.path_words).bind_static(3, job.file_body);
+                ++doc_id;
+                const std::int64_t doc = job.is_test ? -doc_id : doc_id;
+                insert_file.bind(1, doc).bind_static(2, job.path_words).bind_static(3, job.file_body);
                 insert_file.run();
                 insert_state.bind(1, job.id)
-                    .bind(2, doc_id)
+                    .bind(2, doc)
                     .bind(3, job.content_hash)
                     .bind(4, job.is_test)
                     .bind(5, static_cast<std::int64_t>(job.symbols.size()));
