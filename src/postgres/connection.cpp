@@ -131,6 +131,9 @@ Connection::Connection(const std::string& url) : display_url_(redacted_url(url))
         conn_ = nullptr;
         throw PostgresError(message);
     }
+    // The server's notices ("... already exists, skipping") are not for the user; errors are
+    // reported through exceptions.
+    PQsetNoticeProcessor(conn_, [](void*, const char*) {}, nullptr);
     // Text travels as UTF-8 whatever the client's locale says.
     if (PQsetClientEncoding(conn_, "UTF8") != 0) {
         std::string message = "cannot use UTF-8 with PostgreSQL at " + display_url_ + ": " + error_of(conn_);

@@ -36,7 +36,7 @@ namespace orvane_kestrix::service {
 struct WorkspaceOptions {
     std::filesystem::path repo = ".";
     // The index file; default: <repo>/.kestrix/index.db.
-    std::optional<std::filesystem::path> db;
+    std::optional<std::filesystem::path> db{};
     // Packs list the test files that cover their first source files.
     bool list_tests = false;
     // Seed packs with the index's retriever when it has one.
@@ -48,8 +48,8 @@ struct WorkspaceOptions {
     // The index on a PostgreSQL server instead of a file: the server's URL and the
     // repository's name there (ORG/REPO). Packs read the server; a refresh indexes into the
     // local staging index (`db`, default postgres::default_staging_index) and publishes it.
-    std::optional<std::string> server_url;
-    std::string repository_name;
+    std::optional<std::string> server_url{};
+    std::string repository_name{};
 };
 
 struct RefreshOptions {
