@@ -6,6 +6,7 @@
 
 #include "orvane_kestrix/postgres/postgres_schema.hpp"
 #include "orvane_kestrix/storage/sqlite_repository.hpp"
+#include "orvane_kestrix/storage/symbol_file_paths.hpp"
 
 namespace orvane_kestrix::postgres {
 
@@ -171,20 +172,12 @@ SymbolSearchResult PostgresRepository::search_symbols(const std::string& pattern
 }
 
 SymbolPathMap PostgresRepository::get_file_paths_batch(const std::vector<Symbol>& symbols) {
-    SymbolPathMap out;
-    std::vector<std::int64_t> file_ids;
-    for (const auto& s : symbols) {
-        if (s.id && s.file_id) file_ids.push_back(*s.file_id);
-    }
-    if (file_ids.empty()) return out;
-    std::unordered_map<std::int64_t, std::string> path_of_file;
-    const Result r = run("file_paths", {int_array_literal(file_ids)});
-    for (int i = 0; i < r.rows(); ++i) path_of_file.emplace(r.int64(i, 0), r.string(i, 1));
-    for (const auto& s : symbols) {
-        if (!s.id || !s.file_id) continue;
-        if (auto it = path_of_file.find(*s.file_id); it != path_of_file.end()) out.emplace(*s.id, it->second);
-    }
-    return out;
+    return storage::symbol_file_paths(symbols, [&](const std::vector<std::int64_t>& file_ids) {
+        std::unordered_map<std::int64_t, std::string> path_of_file;
+        const Result r = run("file_paths", {int_array_literal(file_ids)});
+        for (int i = 0; i < r.rows(); ++i) path_of_file.emplace(r.int64(i, 0), r.string(i, 1));
+        return path_of_file;
+    });
 }
 
 FanInMap PostgresRepository::production_fan_in(const std::vector<std::int64_t>& ids) {
