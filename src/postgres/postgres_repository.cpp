@@ -44,16 +44,22 @@ struct NamedStatement {
     const char* sql;
 };
 
-// $1 is always the repository's id.
+// $1 is always the repository's id in every statement.
+//
+// The name search is planned for each pattern rather than prepared: a pattern with a literal
+// head reads a range of the name index, a substring the trigram index, which one plan for any
+// pattern cannot. The pattern ($2) arrives ASCII-folded, as name_folded is stored; no escape
+// character.
+constexpr const char* kSearch =
+    "SELECT " KESTRIX_PG_SYMBOL_COLUMNS " FROM symbols AS s JOIN files AS f ON f.repo_id = s.repo_id AND f.id = s.file_id "
+    "WHERE s.repo_id = $1 AND s.name_folded LIKE $2 ESCAPE '' AND (NOT $3::boolean OR f.is_source) "
+    "ORDER BY s.id LIMIT $4::bigint";
+
+// The others, prepared once per connection.
 constexpr NamedStatement kStatements[] = {
     {"repository", "SELECT id, schema_version FROM repositories WHERE name = $1"},
     {"component_by_name", "SELECT id, name FROM components WHERE repo_id = $1 AND name = $2"},
     {"files_by_component", "SELECT id, path FROM files WHERE repo_id = $1 AND component_id = $2 ORDER BY id"},
-    // The pattern ($2) arrives ASCII-folded, as name_folded is stored; no escape character.
-    {"search",
-     "SELECT " KESTRIX_PG_SYMBOL_COLUMNS " FROM symbols AS s JOIN files AS f ON f.repo_id = s.repo_id AND f.id = s.file_id "
-     "WHERE s.repo_id = $1 AND s.name_folded LIKE $2 ESCAPE '' AND (NOT $3::boolean OR f.is_source) "
-     "ORDER BY s.id LIMIT $4::bigint"},
     {"file_paths", "SELECT id, path FROM files WHERE repo_id = $1 AND id = ANY($2::bigint[])"},
     {"fan_in", "SELECT id, production_fan_in FROM symbols WHERE repo_id = $1 AND id = ANY($2::bigint[])"},
     {"test_paths", "SELECT path FROM files WHERE repo_id = $1 AND path = ANY($2::text[]) AND is_test"},
@@ -102,9 +108,6 @@ std::vector<std::string> storable(const std::vector<std::string>& values) {
 PostgresRepository::PostgresRepository(const std::string& url, std::string name)
     : connection_(url), name_(std::move(name)) {
     repo_id_ = std::to_string(open_repository_row(connection_, name_).id);
-    // Plans are made for the values at hand: a LIKE pattern with a literal head reads a range
-    // of the name index, a substring the trigram index, which a plan for any pattern cannot.
-    connection_.exec("SET plan_cache_mode = force_custom_plan", "configure the session");
     for (const auto& statement : kStatements) connection_.prepare(statement.name, statement.sql);
 }
 
@@ -165,7 +168,8 @@ SymbolSearchResult PostgresRepository::search_symbols(const std::string& pattern
     }
     std::optional<std::string> cut;
     if (limit >= 0) cut = std::to_string(limit);
-    const Result r = run("search", {ascii_folded(pattern), source_only ? "t" : "f", cut});
+    Parameters parameters = {repo_id_, ascii_folded(pattern), source_only ? "t" : "f", cut};
+    const Result r = connection_.query(kSearch, parameters, "search the index's names");
     result.symbols.reserve(static_cast<std::size_t>(r.rows()));
     for (int i = 0; i < r.rows(); ++i) result.symbols.push_back(read_symbol(r, i));
     return result;

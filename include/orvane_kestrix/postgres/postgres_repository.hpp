@@ -2,8 +2,9 @@
 // The index contract over one repository of the index tables on a PostgreSQL server
 // (postgres_schema.hpp), answering exactly as the SQLite index of the same repository does.
 //
-// Every operation is one prepared statement run once; a list travels as one array parameter
-// (bigint[] or text[]), so no statement depends on the list's length. Answers and their order
+// Every operation is one statement run once, prepared when the connection opens (but for the
+// name search, planned per pattern); a list travels as one array parameter (bigint[] or
+// text[]), so no statement depends on the list's length. Answers and their order
 // are the SQLite index's (sqlite_repository.hpp):
 // - search_symbols: SQLite's LIKE (ASCII letters fold, other characters compare exactly, "%"
 //   any run, "_" one character, no escape character) by comparing the stored ASCII-folded
