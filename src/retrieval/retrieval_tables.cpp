@@ -34,6 +34,11 @@ constexpr const char* kStaleRowsKey = "retrieval_stale_rows";
 // Larger files are far past any size the indexer reads; their rows keep only names and docs.
 constexpr std::uint64_t kMaxDescribedBytes = 256u * 1024 * 1024;
 constexpr const char* kLastDocKey = "retrieval_last_doc_id";
+// "1" while rows written during an index run wait for their words to be counted.
+constexpr const char* kCountsPendingKey = "retrieval_counts_pending";
+// A run that parses more files than this, and more than a quarter of the index, starts the
+// tables from empty.
+constexpr std::size_t kMinFilesForClear = 64;
 
 constexpr const char* kTables = R"sql(
 CREATE VIRTUAL TABLE retrieval_symbol_text USING fts5(
@@ -277,27 +282,19 @@ private:
     std::uint32_t stamp_ = 0;
 };
 
-// Builds the rows of one file: the file's own and one per symbol.
-void describe(const RootDirectory& root, FileJob& job) {
+// Builds the rows of one file from its text (absent: a file that cannot be read, whose rows
+// then keep only names and docs): the file's own and one per symbol.
+void describe_file(FileJob& job, std::optional<std::string_view> text) {
     job.path_words = search_document(job.path);
-    if (job.is_test) {
-        job.path_words += ' ';
-        job.path_words += kTestFileMarker;
-    }
     job.rows.assign(job.symbols.size(), SymbolRow());
     for (std::size_t i = 0; i < job.symbols.size(); ++i) {
         const SymbolFacts& symbol = job.symbols[i];
         SymbolRow& row = job.rows[i];
         row.name = search_document(symbol.name);
         row.qualified = search_document(symbol.fqn);
-        if (job.is_test) {
-            row.qualified += ' ';
-            row.qualified += kTestFileMarker;
-        }
         if (symbol.signature) row.signature = search_document(*symbol.signature, 1);
         if (symbol.docstring) row.doc = search_document(*symbol.docstring, 1);
     }
-    const auto text = read_text(root, job.path);
     if (!text) return;
     FileWords words(*text);
     job.file_body = words.file_document();
@@ -332,7 +329,8 @@ void describe_all(const RootDirectory& root, std::span<FileJob> jobs, unsigned t
         for (;;) {
             const std::size_t i = next.fetch_add(1);
             if (i >= jobs.size()) break;
-            describe(root, jobs[i]);
+            const auto text = read_text(root, jobs[i].path);
+            describe_file(jobs[i], text ? std::optional<std::string_view>(*text) : std::nullopt);
             count_word_rows(jobs[i]);
         }
     };
@@ -381,6 +379,70 @@ void load_symbols(Statement& symbols, std::span<FileJob> chunk) {
     }
 }
 
+// Writes described files' rows and state rows; the counts of their words are added up and
+// written by finish(), in key order (the table's pages then fill one after another instead of
+// at random).
+class RowWriter {
+public:
+    explicit RowWriter(Database& db)
+        : db_(db),
+          insert_symbol_(db, "INSERT INTO retrieval_symbol_text(rowid, name, qualified, signature, doc, body) "
+                             "VALUES (?, ?, ?, ?, ?, ?)"),
+          insert_file_(db, "INSERT INTO retrieval_file_text(rowid, path, body) VALUES (?, ?, ?)"),
+          insert_state_(db, "INSERT INTO retrieval_file_state(file_id, doc_id, content_hash, is_test, symbol_rows) "
+                            "VALUES (?, ?, ?, ?, ?)"),
+          doc_id_(meta_int(db, kLastDocKey)) {}
+
+    void write(const FileJob& job) {
+        for (std::size_t i = 0; i < job.symbols.size(); ++i) {
+            const SymbolRow& row = job.rows[i];
+            insert_symbol_.bind(1, job.is_test ? -job.symbols[i].id : job.symbols[i].id)
+                .bind_static(2, row.name)
+                .bind_static(3, row.qualified)
+                .bind_static(4, row.signature)
+                .bind_static(5, row.doc)
+                .bind_static(6, row.body);
+            insert_symbol_.run();
+        }
+        ++doc_id_;
+        const std::int64_t doc = job.is_test ? -doc_id_ : doc_id_;
+        insert_file_.bind(1, doc).bind_static(2, job.path_words).bind_static(3, job.file_body);
+        insert_file_.run();
+        insert_state_.bind(1, job.id)
+            .bind(2, doc)
+            .bind(3, job.content_hash)
+            .bind(4, job.is_test)
+            .bind(5, static_cast<std::int64_t>(job.symbols.size()));
+        insert_state_.run();
+        for (const auto& [word, rows] : job.word_rows) {
+            auto& total = word_rows_[word];
+            total.first += rows.first;
+            total.second += rows.second;
+        }
+    }
+
+    void finish() {
+        storage::write_meta(db_, kLastDocKey, std::to_string(doc_id_));
+        Statement count(db_, "INSERT INTO retrieval_word_counts(word, symbols, files) VALUES (?, ?, ?) ON CONFLICT(word) "
+                             "DO UPDATE SET symbols = symbols + excluded.symbols, files = files + excluded.files");
+        std::vector<std::pair<const std::string*, std::pair<std::int64_t, std::int64_t>>> sorted;
+        sorted.reserve(word_rows_.size());
+        for (const auto& [word, rows] : word_rows_) sorted.emplace_back(&word, rows);
+        std::sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) { return *a.first < *b.first; });
+        for (const auto& [word, rows] : sorted) {
+            count.bind(1, *word).bind(2, rows.first).bind(3, rows.second);
+            count.run();
+        }
+        word_rows_.clear();
+    }
+
+private:
+    Database& db_;
+    Statement insert_symbol_, insert_file_, insert_state_;
+    std::int64_t doc_id_ = 0;
+    std::unordered_map<std::string, std::pair<std::int64_t, std::int64_t>> word_rows_;
+};
+
 // Describes `jobs` and writes their rows, their state and the counts of their words; returns
 // the files written.
 std::size_t write_rows(Database& db, const fs::path& root_path, std::vector<FileJob>& jobs, unsigned threads) {
@@ -388,13 +450,7 @@ std::size_t write_rows(Database& db, const fs::path& root_path, std::vector<File
     if (threads == 0) threads = std::max(1u, std::thread::hardware_concurrency());
     Statement symbols(db, "SELECT id, parent_id, name, fqn, kind, start_line, end_line, signature, docstring "
                           "FROM symbols WHERE file_id = ? ORDER BY id");
-    Statement insert_symbol(db, "INSERT INTO retrieval_symbol_text(rowid, name, qualified, signature, doc, body) "
-                                "VALUES (?, ?, ?, ?, ?, ?)");
-    Statement insert_file(db, "INSERT INTO retrieval_file_text(rowid, path, body) VALUES (?, ?, ?)");
-    Statement insert_state(db, "INSERT INTO retrieval_file_state(file_id, doc_id, content_hash, is_test, symbol_rows) "
-                               "VALUES (?, ?, ?, ?, ?)");
-    std::unordered_map<std::string, std::pair<std::int64_t, std::int64_t>> word_rows;
-    std::int64_t doc_id = meta_int(db, kLastDocKey);
+    RowWriter writer(db);
     std::size_t written = 0;
 
     const std::span<FileJob> all(jobs);
@@ -410,29 +466,7 @@ std::size_t write_rows(Database& db, const fs::path& root_path, std::vector<File
         }
         try {
             for (FileJob& job : chunk_at(begin)) {
-                for (std::size_t i = 0; i < job.symbols.size(); ++i) {
-                    const SymbolRow& row = job.rows[i];
-                    insert_symbol.bind(1, job.symbols[i].id)
-                        .bind_static(2, row.name)
-                        .bind_static(3, row.qualified)
-                        .bind_static(4, row.signature)
-                        .bind_static(5, row.doc)
-                        .bind_static(6, row.body);
-                    insert_symbol.run();
-                }
-                insert_file.bind(1, ++doc_id).bind_static(2, job.path_words).bind_static(3, job.file_body);
-                insert_file.run();
-                insert_state.bind(1, job.id)
-                    .bind(2, doc_id)
-                    .bind(3, job.content_hash)
-                    .bind(4, job.is_test)
-                    .bind(5, static_cast<std::int64_t>(job.symbols.size()));
-                insert_state.run();
-                for (auto& [word, rows] : job.word_rows) {
-                    auto& total = word_rows[word];
-                    total.first += rows.first;
-                    total.second += rows.second;
-                }
+                writer.write(job);
                 ++written;
                 // The texts are written; free them as we go.
                 job = FileJob();
@@ -443,25 +477,101 @@ std::size_t write_rows(Database& db, const fs::path& root_path, std::vector<File
         }
         if (describing.joinable()) describing.join();
     }
-    storage::write_meta(db, kLastDocKey, std::to_string(doc_id));
-
-    Statement count(db, "INSERT INTO retrieval_word_counts(word, symbols, files) VALUES (?, ?, ?) ON CONFLICT(word) "
-                        "DO UPDATE SET symbols = symbols + excluded.symbols, files = files + excluded.files");
-    // In key order: the table's pages then fill one after another instead of at random.
-    std::vector<std::pair<const std::string*, std::pair<std::int64_t, std::int64_t>>> sorted;
-    sorted.reserve(word_rows.size());
-    for (const auto& [word, rows] : word_rows) sorted.emplace_back(&word, rows);
-    std::sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) { return *a.first < *b.first; });
-    for (const auto& [word, rows] : sorted) {
-        count.bind(1, *word).bind(2, rows.first).bind(3, rows.second);
-        count.run();
-    }
+    writer.finish();
     return written;
 }
+
+// Creates the tables when they are missing, of another revision, or left incomplete by a run
+// that stopped before counting the words of the rows it wrote.
+void ensure_tables(Database& db) {
+    if (has_retrieval_tables(db)) return;
+    db.exec(kDropTables);
+    db.exec(kTables);
+    storage::write_meta(db, kRetrievalRevisionKey, kRetrievalRevision);
+    storage::write_meta(db, kStaleRowsKey, "0");
+}
+
+// Empties the tables (their rows are then all written again).
+void clear_tables(Database& db) {
+    db.exec("INSERT INTO retrieval_symbol_text(retrieval_symbol_text) VALUES ('delete-all');"
+            "INSERT INTO retrieval_file_text(retrieval_file_text) VALUES ('delete-all');"
+            "DELETE FROM retrieval_file_state;"
+            "DELETE FROM retrieval_word_counts;");
+    storage::write_meta(db, kStaleRowsKey, "0");
+    storage::write_meta(db, kLastDocKey, "0");
+}
+
+// The rows of each file an index run parses, described by the parser that parsed it.
+class ParsedFileRetrievalRows final : public indexer::ParsedFileRows {
+public:
+    void begin(Database& db, std::size_t to_parse, std::size_t indexed) override {
+        ensure_tables(db);
+        // Until finish() has counted the words of the rows written, the tables are incomplete
+        // (a first build commits its rows in batches, and may stop between two).
+        storage::write_meta(db, kCountsPendingKey, "1");
+        // When much of the index is parsed again, its old rows would soon outnumber the live
+        // ones and force a rebuild of everything: start from empty tables instead.
+        if (to_parse > std::max<std::size_t>(kMinFilesForClear, indexed / 4)) clear_tables(db);
+        stale_ = meta_int(db, kStaleRowsKey);
+        writer_.emplace(db);
+        old_state_.emplace(db, "SELECT symbol_rows FROM retrieval_file_state WHERE file_id = ?");
+        forget_.emplace(db, "DELETE FROM retrieval_file_state WHERE file_id = ?");
+    }
+
+    std::shared_ptr<void> describe(const indexer::ParsedFile& parsed, std::string_view bytes) const override {
+        if (!parsed.facts.is_source) return nullptr;
+        auto job = std::make_shared<FileJob>();
+        job->path = parsed.facts.path;
+        job->content_hash = parsed.facts.content_hash;
+        job->is_test = parsed.facts.is_test;
+        const auto& symbols = parsed.extraction.symbols;
+        job->symbols.reserve(symbols.size());
+        for (std::size_t i = 0; i < symbols.size(); ++i) {
+            // Numbered by position until write() knows the ids; parents are positions too.
+            job->symbols.push_back({static_cast<std::int64_t>(i),
+                                    symbols[i].parent ? std::optional<std::int64_t>(static_cast<std::int64_t>(*symbols[i].parent))
+                                                      : std::nullopt,
+                                    symbols[i].name, symbols[i].fqn, symbols[i].kind, symbols[i].start_line,
+                                    symbols[i].end_line, symbols[i].signature, symbols[i].docstring});
+        }
+        describe_file(*job, bytes.size() <= kMaxDescribedBytes ? std::optional<std::string_view>(bytes) : std::nullopt);
+        count_word_rows(*job);
+        return job;
+    }
+
+    void write(Database&, std::int64_t file_id, std::int64_t first_symbol_id, std::shared_ptr<void> description) override {
+        auto& job = *static_cast<FileJob*>(description.get());
+        job.id = file_id;
+        for (std::size_t i = 0; i < job.symbols.size(); ++i) job.symbols[i].id = first_symbol_id + static_cast<std::int64_t>(i);
+        // The rows of the file's previous content stay behind, unreachable.
+        old_state_->bind(1, file_id);
+        if (old_state_->step()) {
+            stale_ += old_state_->column_int64(0) + 1;
+            old_state_->reset();
+            forget_->bind(1, file_id);
+            forget_->run();
+        } else {
+            old_state_->reset();
+        }
+        writer_->write(job);
+    }
+
+    void finish(Database& db) override {
+        writer_->finish();
+        storage::write_meta(db, kStaleRowsKey, std::to_string(stale_));
+        storage::write_meta(db, kCountsPendingKey, "0");
+    }
+
+private:
+    std::optional<RowWriter> writer_;
+    std::optional<Statement> old_state_, forget_;
+    std::int64_t stale_ = 0;
+};
 
 }  // namespace
 
 indexer::IndexOptions index_options_with_retrieval(indexer::IndexOptions options) {
+    options.make_parsed_file_rows = [] { return std::make_unique<ParsedFileRetrievalRows>(); };
     options.refresh_extra_tables = [](Database& db, const fs::path& root, unsigned jobs) {
         refresh_retrieval_tables(db, root, jobs);
     };
@@ -475,19 +585,15 @@ bool has_retrieval_tables(Database& db) {
                               "retrieval_file_vocab", "retrieval_file_state", "retrieval_word_counts"}) {
         if (!table_exists(db, table)) return false;
     }
-    return storage::read_meta(db, kRetrievalRevisionKey).value_or("") == kRetrievalRevision;
+    return storage::read_meta(db, kRetrievalRevisionKey).value_or("") == kRetrievalRevision &&
+           storage::read_meta(db, kCountsPendingKey).value_or("0") == "0";
 }
 
 
 RetrievalRefreshStats refresh_retrieval_tables(Database& db, const fs::path& root, unsigned jobs) {
     RetrievalRefreshStats stats;
     storage::Transaction transaction(db);
-    if (!has_retrieval_tables(db)) {
-        db.exec(kDropTables);
-        db.exec(kTables);
-        storage::write_meta(db, kRetrievalRevisionKey, kRetrievalRevision);
-        storage::write_meta(db, kStaleRowsKey, "0");
-    }
+    ensure_tables(db);
 
     struct State {
         std::string content_hash;
@@ -540,10 +646,7 @@ RetrievalRefreshStats refresh_retrieval_tables(Database& db, const fs::path& roo
     // Symbols that kept their ids cannot be written again beside their old rows, and stale rows
     // past a quarter of the live ones cost the searches more than a rebuild costs once.
     if (same_ids || stale > std::max(kMinStaleForRebuild, live / 4)) {
-        db.exec("INSERT INTO retrieval_symbol_text(retrieval_symbol_text) VALUES ('delete-all');"
-                "INSERT INTO retrieval_file_text(retrieval_file_text) VALUES ('delete-all');"
-                "DELETE FROM retrieval_file_state;"
-                "DELETE FROM retrieval_word_counts;");
+        clear_tables(db);
         stale = 0;
         to_forget.clear();
         to_describe.clear();

@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "orvane_kestrix/retrieval/retrieval_tables.hpp"
 #include "orvane_kestrix/retrieval/signals.hpp"
 
 namespace orvane_kestrix::retrieval {
@@ -38,11 +39,13 @@ SignalScores SymbolTextSignal::score(const RetrievalQuery& query, RetrievalConte
     // the rows kept (on a large index, a symbol row looked up for every match cost more than
     // the search); rows of symbols gone from the index drop out in the join, and the cut reads
     // a quarter further to leave room for them.
-    storage::Statement ranked(context.db,
-                              "SELECT t.id, t.relevance, r.file_id FROM (SELECT rowid AS id, -" KESTRIX_SYMBOL_BM25
-                              " AS relevance FROM retrieval_symbol_text WHERE retrieval_symbol_text MATCH ?1 "
-                              "ORDER BY relevance DESC LIMIT ?3) AS t CROSS JOIN symbols AS r ON r.id = t.id "
-                              "ORDER BY t.relevance DESC LIMIT ?2");
+    // A test file's symbol has its id negated as rowid (retrieval_tables.hpp).
+    const std::string sql = std::string("SELECT r.id, t.relevance, r.file_id FROM (SELECT rowid AS id, -" KESTRIX_SYMBOL_BM25
+                                        " AS relevance FROM retrieval_symbol_text WHERE retrieval_symbol_text MATCH ?1") +
+                            (query.include_tests ? "" : kOutsideTests) +
+                            " ORDER BY relevance DESC LIMIT ?3) AS t CROSS JOIN symbols AS r ON r.id = abs(t.id) "
+                            "ORDER BY t.relevance DESC LIMIT ?2";
+    storage::Statement ranked(context.db, sql);
     ranked.bind_static(1, query.symbol_match).bind(2, kDepth).bind(3, kDepth + kDepth / 4);
     double best = 0;
     int row = 0;

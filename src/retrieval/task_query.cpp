@@ -76,7 +76,6 @@ RetrievalQuery make_task_query(const std::string& task, bool include_tests, Toke
             match += '"' + terms[i] + '"';
         }
         match += ')';
-        if (!include_tests) match += std::string(" NOT \"") + kTestFileMarker + '"';
         return match;
     };
     query.file_match = match_of(file_terms);

@@ -7,6 +7,7 @@
 
 #include <stdlib.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -56,6 +57,33 @@ protected:
         std::vector<std::string> fqns;
         for (const auto& hit : retriever.retrieve(task, 25, include_tests).hits) fqns.push_back(hit.symbol.fqn);
         return fqns;
+    }
+
+    // Checks that the tables hold a row for every live symbol and file and that the word counts
+    // are those of the full-text index; returns the stale rows counted in meta.
+    std::int64_t tables_consistent() {
+        storage::Database db = storage::open_index(db_, {.read_only = true});
+        EXPECT_EQ(db.scalar_int("SELECT coalesce(sum(symbol_rows), 0) FROM retrieval_file_state"),
+                  db.scalar_int("SELECT count(*) FROM symbols s JOIN files f ON f.id = s.file_id WHERE f.is_source = 1"));
+        EXPECT_EQ(db.scalar_int("SELECT count(*) FROM retrieval_file_state s JOIN files f ON f.id = s.file_id "
+                                "WHERE f.is_source = 1"),
+                  db.scalar_int("SELECT count(*) FROM files WHERE is_source = 1"));
+        EXPECT_EQ(db.scalar_int("SELECT count(*) FROM retrieval_file_state"), db.scalar_int("SELECT count(*) FROM files WHERE is_source = 1"));
+        // Every live symbol and file has its row; the rest are the stale rows counted in meta.
+        const auto stale = std::stoll(storage::read_meta(db, "retrieval_stale_rows").value_or("-1"));
+        EXPECT_EQ(db.scalar_int("SELECT count(*) FROM retrieval_symbol_text_docsize") +
+                      db.scalar_int("SELECT count(*) FROM retrieval_file_text_docsize"),
+                  db.scalar_int("SELECT coalesce(sum(symbol_rows + 1), 0) FROM retrieval_file_state") + stale);
+        // The word counts kept as rows are written are the counts the full-text index holds.
+        EXPECT_EQ(db.scalar_int("SELECT count(*) FROM retrieval_word_counts"),
+                  db.scalar_int("SELECT count(*) FROM (SELECT term FROM retrieval_symbol_vocab UNION "
+                                "SELECT term FROM retrieval_file_vocab)"));
+        EXPECT_EQ(db.scalar_int("SELECT count(*) FROM retrieval_word_counts w "
+                                "LEFT JOIN retrieval_symbol_vocab s ON s.term = w.word "
+                                "LEFT JOIN retrieval_file_vocab f ON f.term = w.word "
+                                "WHERE w.symbols != coalesce(s.doc, 0) OR w.files != coalesce(f.doc, 0)"),
+                  0);
+        return stale;
     }
 
     fs::path dir_, repo_, db_;
@@ -171,32 +199,8 @@ TEST_F(HybridRetrieverTest, TasksWithoutWordsGiveANoteAndNoHits) {
 // The tables hold one row per symbol of every source file, and follow edits, new files and
 // deletions without being rebuilt whole.
 TEST_F(HybridRetrieverTest, TablesFollowTheFiles) {
-    auto consistent = [&] {
-        storage::Database db = storage::open_index(db_, {.read_only = true});
-        EXPECT_EQ(db.scalar_int("SELECT coalesce(sum(symbol_rows), 0) FROM retrieval_file_state"),
-                  db.scalar_int("SELECT count(*) FROM symbols s JOIN files f ON f.id = s.file_id WHERE f.is_source = 1"));
-        EXPECT_EQ(db.scalar_int("SELECT count(*) FROM retrieval_file_state s JOIN files f ON f.id = s.file_id "
-                                "WHERE f.is_source = 1"),
-                  db.scalar_int("SELECT count(*) FROM files WHERE is_source = 1"));
-        EXPECT_EQ(db.scalar_int("SELECT count(*) FROM retrieval_file_state"), db.scalar_int("SELECT count(*) FROM files WHERE is_source = 1"));
-        // Every live symbol and file has its row; the rest are the stale rows counted in meta.
-        const auto stale = std::stoll(storage::read_meta(db, "retrieval_stale_rows").value_or("-1"));
-        EXPECT_EQ(db.scalar_int("SELECT count(*) FROM retrieval_symbol_text_docsize") +
-                      db.scalar_int("SELECT count(*) FROM retrieval_file_text_docsize"),
-                  db.scalar_int("SELECT coalesce(sum(symbol_rows + 1), 0) FROM retrieval_file_state") + stale);
-        // The word counts kept as rows are written are the counts the full-text index holds.
-        EXPECT_EQ(db.scalar_int("SELECT count(*) FROM retrieval_word_counts"),
-                  db.scalar_int("SELECT count(*) FROM (SELECT term FROM retrieval_symbol_vocab UNION "
-                                "SELECT term FROM retrieval_file_vocab)"));
-        EXPECT_EQ(db.scalar_int("SELECT count(*) FROM retrieval_word_counts w "
-                                "LEFT JOIN retrieval_symbol_vocab s ON s.term = w.word "
-                                "LEFT JOIN retrieval_file_vocab f ON f.term = w.word "
-                                "WHERE w.symbols != coalesce(s.doc, 0) OR w.files != coalesce(f.doc, 0)"),
-                  0);
-        return stale;
-    };
     index_into(repo_, db_);
-    EXPECT_EQ(consistent(), 0);
+    EXPECT_EQ(tables_consistent(), 0);
     const std::string task = "take a voucher discount code off the price";
     EXPECT_TRUE(hit_fqns(task).empty() || hit_fqns(task)[0] != "python.shop.cart.apply_voucher");
 
@@ -204,15 +208,46 @@ TEST_F(HybridRetrieverTest, TablesFollowTheFiles) {
         << "\n\ndef apply_voucher(total, code):\n    \"\"\"Takes the discount of a voucher code off a total.\"\"\"\n"
            "    return total - VOUCHERS.get(code, 0)\n";
     index_into(repo_, db_);
-    const auto stale_after_edit = consistent();
+    const auto stale_after_edit = tables_consistent();
     EXPECT_GT(stale_after_edit, 0);  // the edited file's old rows, left behind
     ASSERT_FALSE(hit_fqns(task).empty());
     EXPECT_EQ(hit_fqns(task)[0], "python.shop.cart.apply_voucher");
 
     fs::remove(repo_ / "python" / "shop" / "cart.py");
     index_into(repo_, db_);
-    EXPECT_GT(consistent(), stale_after_edit);
+    EXPECT_GT(tables_consistent(), stale_after_edit);
     for (const auto& fqn : hit_fqns(task)) EXPECT_EQ(fqn.find("python.shop.cart."), std::string::npos) << fqn;
+}
+
+TEST_F(HybridRetrieverTest, AFirstBuildStoppedBetweenBatchesIsCompletedWithWholeTables) {
+    // More files than one batch of a first build: the stop leaves committed rows whose words
+    // were not yet counted.
+    for (int i = 0; i < 600; ++i) {
+        std::ofstream(repo_ / ("ledger_" + std::to_string(i) + ".py"))
+            << "def settle_ledger_" << i << "(amount):\n    \"\"\"Settles ledger " << i << ".\"\"\"\n    return amount\n";
+    }
+    std::ofstream(repo_ / "aviary.py") << "def count_zebrafinch_eggs(nest):\n    return len(nest)\n";
+    std::atomic<bool> stop{false};
+    indexer::IndexOptions options;
+    options.repo = repo_;
+    options.db = db_;
+    options.use_git = false;
+    options.jobs = 2;
+    options.cancel = &stop;
+    options.on_progress = [&](const indexer::IndexProgress& progress) {
+        if (progress.phase == "parsing" && progress.done >= 400) stop = true;
+    };
+    ASSERT_TRUE(indexer::IndexBuilder(retrieval::index_options_with_retrieval(options)).run().cancelled);
+    {
+        storage::Database db = storage::open_index(db_, {.read_only = true});
+        ASSERT_GT(db.scalar_int("SELECT count(*) FROM retrieval_file_state"), 0);
+        EXPECT_FALSE(retrieval::has_retrieval_tables(db));
+    }
+    index_into(repo_, db_);
+    EXPECT_EQ(tables_consistent(), 0);
+    const auto hits = hit_fqns("count the zebrafinch eggs");
+    ASSERT_FALSE(hits.empty());
+    EXPECT_EQ(hits[0], "aviary.count_zebrafinch_eggs");
 }
 
 TEST_F(HybridRetrieverTest, TablesReadNothingThroughALinkOutOfTheRoot) {

@@ -5,13 +5,15 @@
 // `kestrix index` run, and readers cope with their absence.
 //
 //   retrieval_symbol_text: FTS5, contentless; one row per symbol of a source
-//       file, rowid = symbols.id. Columns of search words (search_words.hpp), each word once
-//       per column: name (split and whole), qualified (the fully qualified name, plus
-//       kTestFileMarker for a symbol of a test file), signature, doc (docstring), body (the
+//       file, rowid = symbols.id, negated for a symbol of a test file (a search that leaves
+//       tests out reads only the positive rowids, a range FTS5 seeks to, where a marker word
+//       made it merge a posting list as long as the tests' symbols). Columns of search words
+//       (search_words.hpp), each word once per column: name (split and whole), qualified (the
+//       fully qualified name), signature, doc (docstring), body (the
 //       identifiers and comment words of its lines; a class-like symbol leaves out its
 //       members' lines and their doc comments, which are rows of their own).
 //   retrieval_file_text: FTS5, contentless; one row per source file, rowid = its doc_id
-//       (below): path, body (the words of the whole text, each repeated by the order of
+//       (below), negative for a test file: path, body (the words of the whole text, each repeated by the order of
 //       magnitude of its count).
 //   retrieval_symbol_vocab, retrieval_file_vocab: fts5vocab 'row' tables (documents per word).
 //   retrieval_word_counts(word, symbols, files): the same counts, kept as rows are written, for
@@ -20,6 +22,12 @@
 //   retrieval_file_state(file_id, doc_id, content_hash, is_test, symbol_rows): which row
 //       describes each file and what it was made from; a file whose hash or test flag differs
 //       is described again.
+//
+// An index run writes the rows of each file it parses as it goes (the parser that parsed the
+// file describes it from the text it holds); the refresh at the end of the run describes the
+// other files whose rows are missing or stale. Until the run has counted the words of the rows
+// it wrote, meta "retrieval_counts_pending" is "1" and the tables count as absent: a first
+// build stopped between two batches has its tables remade by the next run.
 //
 // The full-text tables keep no copy of their text (it would double the index), so a changed
 // file's old rows cannot be deleted one by one: they stay, unreachable (their symbol ids are
@@ -37,10 +45,9 @@
 namespace orvane_kestrix::retrieval {
 
 inline constexpr const char* kRetrievalRevisionKey = "retrieval_revision";
-inline constexpr const char* kRetrievalRevision = "6";
-// The word a test file's rows carry in their path column, so that a search can leave them out
-// inside the full-text query ("... NOT kxtestfile").
-inline constexpr const char* kTestFileMarker = "kxtestfile";
+inline constexpr const char* kRetrievalRevision = "7";
+// The condition a search of either full-text table adds to leave test files' rows out.
+inline constexpr const char* kOutsideTests = " AND rowid > 0";
 
 struct RetrievalRefreshStats {
     std::int64_t described = 0;  // files whose rows were (re)written
