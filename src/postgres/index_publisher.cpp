@@ -12,6 +12,7 @@
 #include <fmt/format.h>
 
 #include "orvane_kestrix/postgres/postgres_schema.hpp"
+#include "orvane_kestrix/storage/index_writer_lock.hpp"
 #include "orvane_kestrix/storage/sqlite_schema.hpp"
 
 namespace orvane_kestrix::postgres {
@@ -111,6 +112,21 @@ void check_publishable(Connection& connection, const std::string& name, const Pu
 
 ServerIndexStats index_to_server(indexer::IndexOptions options, const std::string& url, const std::string& name) {
     if (!options.db) options.db = default_staging_index(url, name);
+    // One run at a time indexes and publishes a staging index, so that a run can never publish
+    // an older state of it over the state a later run has published. (The indexer's own lock
+    // is held only while it writes.)
+    const std::filesystem::path publish_lock = options.db->string() + ".publish";
+    std::optional<storage::IndexWriterLock> lock;
+    if (options.wait_for_writer) {
+        lock = storage::IndexWriterLock::acquire(publish_lock, options.on_lock_wait, options.cancel);
+        if (!lock) {
+            ServerIndexStats stopped;
+            stopped.index.cancelled = true;
+            return stopped;
+        }
+    } else {
+        lock.emplace(storage::IndexWriterLock::try_acquire(publish_lock));
+    }
     Connection connection(url);
     const PublishOptions publish{.rewrite_other_version = options.rebuild};
     check_publishable(connection, name, publish);
