@@ -447,6 +447,83 @@ TEST_P(RepositoryContract, NonAsciiLettersCompareExactly) {
 }
 
 
+// Text that COPY, array literals and parameters must carry unchanged: tabs, backslashes, a
+// literal \N, carriage returns, quotes, braces and commas (in paths too), non-ASCII. Every
+// answer about such a tree equals the SQLite index's own.
+TEST_P(RepositoryContract, TextOfAnyKindReadsBackUnchanged) {
+    kestrix_test::ScratchDir dir("contract-text");
+    const std::string odd_dir = "odd \"dir\", {x}\\y";
+    fs::create_directories(dir.path() / "repo" / odd_dir);
+    // Docstrings keep newlines and backslashes (tabs are expanded); reference lines keep tabs.
+    std::ofstream(dir.path() / "repo" / odd_dir / "m\\N, \"q\" {b}.py")
+        << "def tab_and_slash(a):\n"
+           "    \"\"\"A backslash: \\\\N and \\\\t; quote \" brace {x}, comma, \u00e9.\n\n    Second line.\"\"\"\n"
+           "    return a\n\n\n"
+           "def caller():\n"
+           "    return tab_and_slash('\\\\t\\\\N\t\\\\\\\\\r')\n";
+    std::ofstream(dir.path() / "repo" / odd_dir / "test_m\\N, \"q\" {b}.py")
+        << "from m import tab_and_slash\n\n\ndef test_it():\n    assert tab_and_slash(1) == 1\n";
+    index_into(dir.path() / "repo", dir.path() / "index.db");
+    SqliteRepository reference(dir.path() / "index.db");
+    const std::unique_ptr<Repository> repository = open_backend(GetParam(), dir.path() / "index.db", "text/odd");
+    Repository& repo = *repository;
+
+    const auto symbols = reference.search_symbols("%", -1, false).symbols;
+    ASSERT_EQ(fqns(repo.search_symbols("%", -1, false).symbols), fqns(symbols));
+    std::vector<std::optional<std::int64_t>> ids;
+    for (const auto& s : symbols) ids.push_back(s.id);
+    const auto expected = reference.symbols_with_paths(ids);
+    const auto found = repo.symbols_with_paths(ids);
+    ASSERT_EQ(found.size(), expected.size());
+    bool has_odd_docstring = false;
+    for (const auto& [id, want] : expected) {
+        const auto& [symbol, path] = found.at(id);
+        EXPECT_EQ(path, want.second);
+        EXPECT_EQ(symbol.fqn, want.first.fqn);
+        EXPECT_EQ(symbol.signature, want.first.signature);
+        EXPECT_EQ(symbol.docstring, want.first.docstring);
+        if (symbol.docstring && symbol.docstring->find('\n') != std::string::npos &&
+            symbol.docstring->find("\\N") != std::string::npos) {
+            has_odd_docstring = true;
+        }
+    }
+    EXPECT_TRUE(has_odd_docstring) << "the tree lost its odd text before the index";
+
+    const std::string source = odd_dir + "/m\\N, \"q\" {b}.py";
+    const std::string test = odd_dir + "/test_m\\N, \"q\" {b}.py";
+    EXPECT_EQ(repo.test_paths({source, test}), reference.test_paths({source, test}));
+    EXPECT_EQ(repo.test_paths({test}).size(), 1u);
+    const auto covering = repo.find_covering_tests({source});
+    const auto covering_expected = reference.find_covering_tests({source});
+    ASSERT_EQ(covering.size(), covering_expected.size());
+    for (std::size_t i = 0; i < covering.size(); ++i) {
+        EXPECT_EQ(covering[i].path, covering_expected[i].path);
+        EXPECT_EQ(covering[i].reaches, covering_expected[i].reaches);
+    }
+    const auto callee = std::find_if(symbols.begin(), symbols.end(), [](const Symbol& s) { return s.name == "tab_and_slash"; });
+    ASSERT_NE(callee, symbols.end());
+    const auto refs = repo.get_references(callee->fqn);
+    const auto refs_expected = reference.get_references(callee->fqn);
+    ASSERT_FALSE(refs_expected.references.empty());
+    ASSERT_EQ(refs.references.size(), refs_expected.references.size());
+    bool has_odd_context = false;
+    for (std::size_t i = 0; i < refs.references.size(); ++i) {
+        EXPECT_EQ(refs.references[i].context, refs_expected.references[i].context);
+        const std::string context = refs.references[i].context.value_or("");
+        if (context.find('\t') != std::string::npos && context.find("\\N") != std::string::npos) has_odd_context = true;
+    }
+    EXPECT_TRUE(has_odd_context) << "the tree lost its odd text before the index";
+    // Names no index can hold match nothing rather than fail.
+    for (const std::string& odd : {std::string("a\0b", 3), std::string("\xff\xfe"), std::string("%\xc3%")}) {
+        EXPECT_TRUE(repo.search_symbols(odd, 50, false).symbols.empty());
+        EXPECT_FALSE(repo.get_symbol_by_fqn(odd));
+        EXPECT_TRUE(repo.get_references(odd).references.empty());
+        EXPECT_TRUE(repo.test_paths({odd}).empty());
+        EXPECT_TRUE(repo.find_covering_tests({odd}).empty());
+        EXPECT_FALSE(repo.get_component_by_name(odd));
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Backends, RepositoryContract, ::testing::Values(Backend::sqlite, Backend::postgres),
                          [](const ::testing::TestParamInfo<Backend>& info) {
                              return info.param == Backend::sqlite ? "Sqlite" : "Postgres";
