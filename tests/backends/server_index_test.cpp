@@ -8,6 +8,7 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -296,6 +297,45 @@ TEST(ServerIndex, RepositoriesOfOneDatabaseAreApart) {
     EXPECT_FALSE(b.get_symbol_by_fqn("shop.cart.apply_discount"));
     EXPECT_EQ(a.search_symbols("%", -1, false).symbols.size(), 2u);
     EXPECT_THROW(postgres::PostgresRepository(url, "org/c"), postgres::UnknownRepositoryError);
+}
+
+
+TEST(ServerIndex, TheMcpServerAnswersFromTheServer) {
+    kestrix_test::ScratchDir scratch("server-mcp");
+    const std::string url = kestrix_test::PostgresServer::shared().create_database("mcp");
+    ASSERT_EQ(run_kestrix({"index", "--repo", kSample, "--db", url, "--name", "org/sample", "--staging",
+                           (scratch.path() / "staging.db").string()},
+                          scratch.path())
+                  .status,
+              0);
+    const fs::path requests = scratch.path() / "requests.jsonl";
+    std::ofstream(requests)
+        << R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-06-18","capabilities":{},"clientInfo":{"name":"test","version":"1"}}})"
+        << "\n"
+        << R"({"jsonrpc":"2.0","method":"notifications/initialized"})" << "\n"
+        << R"({"jsonrpc":"2.0","id":2,"method":"tools/call","params":{"name":"context","arguments":{"task":"Fix total_price in the cart"}}})"
+        << "\n";
+    const fs::path out = scratch.path() / "out.jsonl";
+    const std::string command = orvane_kestrix::testing::shell_quoted(KESTRIX_BINARY) + " mcp --repo " +
+                                orvane_kestrix::testing::shell_quoted(kSample) + " --db " +
+                                orvane_kestrix::testing::shell_quoted(url) + " --name org/sample <" +
+                                orvane_kestrix::testing::shell_quoted(requests.string()) + " >" +
+                                orvane_kestrix::testing::shell_quoted(out.string()) + " 2>/dev/null";
+    ASSERT_EQ(std::system(command.c_str()), 0);
+    std::ifstream lines(out);
+    std::string line;
+    std::optional<nlohmann::json> call;
+    while (std::getline(lines, line)) {
+        const auto message = nlohmann::json::parse(line);
+        if (message.value("id", 0) == 2) call = message;
+    }
+    ASSERT_TRUE(call) << "no answer to the tool call";
+    const auto& pack = (*call)["result"]["structuredContent"];
+    ASSERT_FALSE(pack["symbols"].empty()) << *call;
+    std::set<std::string> fqns;
+    for (const auto& symbol : pack["symbols"]) fqns.insert(symbol["fqn"].get<std::string>());
+    EXPECT_TRUE(fqns.count("python.shop.cart.total_price")) << pack;
+    EXPECT_TRUE(contains(pack["notes"][0].get<std::string>(), "no retriever tables yet"));
 }
 
 }  // namespace
