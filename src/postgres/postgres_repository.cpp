@@ -117,15 +117,18 @@ void PostgresRepository::begin_snapshot() {
     abandon_snapshot();
     connection_.exec("BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY", "start reading the index");
     in_snapshot_ = true;
-    const Result r = connection_.run_prepared("repository", {name_});
-    if (r.rows() == 0 || r.int64(0, 1) != kServerSchemaVersion) {
+    try {
+        const Result r = connection_.run_prepared("repository", {name_});
+        if (r.rows() > 0 && r.int64(0, 1) == kServerSchemaVersion) {
+            repo_id_ = r.string(0, 0);
+        } else {
+            // The full lookup says what is wrong, with the way out.
+            repo_id_ = std::to_string(open_repository_row(connection_, name_).id);
+        }
+    } catch (...) {
         abandon_snapshot();
-        // The full lookup says what is wrong, with the way out.
-        repo_id_ = std::to_string(open_repository_row(connection_, name_).id);
-        begin_snapshot();
-        return;
+        throw;
     }
-    repo_id_ = r.string(0, 0);
 }
 
 void PostgresRepository::end_snapshot() {
