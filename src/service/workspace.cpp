@@ -121,6 +121,9 @@ Workspace::Workspace(WorkspaceOptions options) : options_(std::move(options)) {
         }
         index_path_ = options_.db.value_or(postgres::default_staging_index(*options_.server_url, options_.repository_name));
     } else {
+        if (!options_.repository_name.empty()) {
+            throw ServiceError("a repository name (--name) is for an index on a server (--db postgresql://...)");
+        }
         index_path_ = options_.db.value_or(indexer::default_index_path(options_.repo));
     }
 }
