@@ -16,6 +16,7 @@
 #include "orvane_kestrix/regular_file.hpp"
 #include "orvane_kestrix/retrieval/search_words.hpp"
 #include "orvane_kestrix/retrieval/symbol_kinds.hpp"
+#include "orvane_kestrix/retrieval/term_bm25.hpp"
 
 namespace orvane_kestrix::retrieval {
 
@@ -42,8 +43,8 @@ constexpr std::size_t kMinFilesForClear = 64;
 
 constexpr const char* kTables = R"sql(
 CREATE VIRTUAL TABLE retrieval_symbol_text USING fts5(
-  name, qualified, signature, doc, body, tokenize = 'ascii', content = '');
-CREATE VIRTUAL TABLE retrieval_file_text USING fts5(path, body, tokenize = 'ascii', content = '');
+  name, qualified, signature, doc, body, tokenize = 'ascii', content = '', columnsize = 0);
+CREATE VIRTUAL TABLE retrieval_file_text USING fts5(path, body, tokenize = 'ascii', content = '', columnsize = 0);
 INSERT INTO retrieval_symbol_text(retrieval_symbol_text, rank) VALUES ('hashsize', 33554432);
 INSERT INTO retrieval_file_text(retrieval_file_text, rank) VALUES ('hashsize', 33554432);
 CREATE VIRTUAL TABLE retrieval_symbol_vocab USING fts5vocab(retrieval_symbol_text, 'row');
@@ -84,6 +85,7 @@ struct SymbolFacts {
 // The columns of one symbol's row.
 struct SymbolRow {
     std::string name, qualified, signature, doc, body;
+    std::int64_t tokens = 0;  // in all columns, as the table's tokenizer counts them
 };
 
 struct FileJob {
@@ -96,6 +98,7 @@ struct FileJob {
     std::string path_words;
     std::string file_body;
     std::vector<SymbolRow> rows;
+    std::int64_t file_tokens = 0;  // of the file's own row
     // Each word of the rows: in how many symbol rows and file rows (0 or 1) it stands.
     std::vector<std::pair<std::string, std::pair<std::int64_t, std::int64_t>>> word_rows;
 };
@@ -146,6 +149,7 @@ void count_word_rows(FileJob& job) {
         for (std::string_view column : {std::string_view(row.name), std::string_view(row.qualified), std::string_view(row.signature),
                                         std::string_view(row.doc), std::string_view(row.body)}) {
             for_each_token(column, folded, [&](std::string_view word) {
+                ++job.rows[r].tokens;
                 Tally& t = tally[word];
                 if (t.last_row != r) {
                     t.last_row = r;
@@ -157,6 +161,7 @@ void count_word_rows(FileJob& job) {
     const std::size_t file_row = job.rows.size();
     for (std::string_view column : {std::string_view(job.path_words), std::string_view(job.file_body)}) {
         for_each_token(column, folded, [&](std::string_view word) {
+            ++job.file_tokens;
             Tally& t = tally[word];
             if (t.last_row != file_row) {
                 t.last_row = file_row;
@@ -396,7 +401,8 @@ public:
     void write(const FileJob& job) {
         for (std::size_t i = 0; i < job.symbols.size(); ++i) {
             const SymbolRow& row = job.rows[i];
-            insert_symbol_.bind(1, job.is_test ? -job.symbols[i].id : job.symbols[i].id)
+            const std::int64_t rowid = text_rowid(job.symbols[i].id, row.tokens);
+            insert_symbol_.bind(1, job.is_test ? -rowid : rowid)
                 .bind_static(2, row.name)
                 .bind_static(3, row.qualified)
                 .bind_static(4, row.signature)
@@ -405,7 +411,8 @@ public:
             insert_symbol_.run();
         }
         ++doc_id_;
-        const std::int64_t doc = job.is_test ? -doc_id_ : doc_id_;
+        const std::int64_t rowid = text_rowid(doc_id_, job.file_tokens);
+        const std::int64_t doc = job.is_test ? -rowid : rowid;
         insert_file_.bind(1, doc).bind_static(2, job.path_words).bind_static(3, job.file_body);
         insert_file_.run();
         insert_state_.bind(1, job.id)

@@ -6,6 +6,7 @@
 #include <unordered_set>
 
 #include "orvane_kestrix/retrieval/retrieval_tables.hpp"
+#include "orvane_kestrix/retrieval/term_bm25.hpp"
 #include "orvane_kestrix/retrieval/signals.hpp"
 #include "orvane_kestrix/retrieval/task_query.hpp"
 
@@ -52,6 +53,7 @@ SqliteHybridRetriever::SqliteHybridRetriever(storage::Database& db, std::optiona
     : db_(db), tokenizer_(tokenizer != nullptr ? *tokenizer : default_tokenizer()), fusion_(default_fusion(std::move(root))) {
     has_tables_ = has_retrieval_tables(db_);
     if (!has_tables_) return;
+    register_term_bm25(db_);
     catalog_ = IndexCatalog(db_);
     indexed_symbols_ = db_.scalar_int("SELECT coalesce(sum(symbol_rows), 0) FROM retrieval_file_state");
     indexed_files_ = db_.scalar_int("SELECT count(*) FROM retrieval_file_state");

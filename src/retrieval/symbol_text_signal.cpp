@@ -2,6 +2,7 @@
 
 #include "orvane_kestrix/retrieval/retrieval_tables.hpp"
 #include "orvane_kestrix/retrieval/signals.hpp"
+#include "orvane_kestrix/retrieval/term_bm25.hpp"
 
 namespace orvane_kestrix::retrieval {
 
@@ -15,7 +16,7 @@ constexpr std::size_t kFocusFiles = 8;
 
 // Column weights: name, qualified name, signature, docstring, body. A word of the name says
 // most about a symbol; the body's words are many and each says little.
-#define KESTRIX_SYMBOL_BM25 "bm25(retrieval_symbol_text, 10.0, 3.0, 2.0, 2.0, 1.0)"
+#define KESTRIX_SYMBOL_BM25 "term_bm25(retrieval_symbol_text, ?4, 10.0, 3.0, 2.0, 2.0, 1.0)"
 
 }  // namespace
 
@@ -39,14 +40,16 @@ SignalScores SymbolTextSignal::score(const RetrievalQuery& query, RetrievalConte
     // the rows kept (on a large index, a symbol row looked up for every match cost more than
     // the search); rows of symbols gone from the index drop out in the join, and the cut reads
     // a quarter further to leave room for them.
-    // A test file's symbol has its id negated as rowid (retrieval_tables.hpp).
+    // A row's rowid is its symbol's id above its length, negated for a test file's symbol
+    // (retrieval_tables.hpp).
     const std::string sql = std::string("SELECT r.id, t.relevance, r.file_id FROM (SELECT rowid AS id, -" KESTRIX_SYMBOL_BM25
                                         " AS relevance FROM retrieval_symbol_text WHERE retrieval_symbol_text MATCH ?1") +
                             (query.include_tests ? "" : kOutsideTests) +
-                            " ORDER BY relevance DESC LIMIT ?3) AS t CROSS JOIN symbols AS r ON r.id = abs(t.id) "
+                            " ORDER BY relevance DESC LIMIT ?3) AS t CROSS JOIN symbols AS r ON r.id = abs(t.id) >> " +
+                            std::to_string(kLengthBits) + " "
                             "ORDER BY t.relevance DESC LIMIT ?2";
     storage::Statement ranked(context.db, sql);
-    ranked.bind_static(1, query.symbol_match).bind(2, kDepth).bind(3, kDepth + kDepth / 4);
+    ranked.bind_static(1, query.symbol_match).bind(2, kDepth).bind(3, kDepth + kDepth / 4).bind_static(4, query.symbol_term_rows);
     double best = 0;
     int row = 0;
     while (ranked.step()) {

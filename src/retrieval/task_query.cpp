@@ -60,6 +60,8 @@ RetrievalQuery make_task_query(const std::string& task, bool include_tests, Toke
             if (file_terms.empty() || file_postings + candidate.df.files <= kMaxFilePostings) {
                 file_postings += candidate.df.files;
                 file_terms.push_back(candidate.word);
+                if (!query.file_term_rows.empty()) query.file_term_rows += ' ';
+                query.file_term_rows += std::to_string(candidate.df.files);
             }
         }
         if (candidate.df.symbols == 0 || static_cast<double>(candidate.df.symbols) > kMaxSymbolShare * n) continue;
@@ -67,6 +69,8 @@ RetrievalQuery make_task_query(const std::string& task, bool include_tests, Toke
         if (postings + candidate.df.symbols > kMaxPostings && !query.symbol_terms.empty()) continue;
         postings += candidate.df.symbols;
         query.symbol_terms.push_back(candidate.word);
+        if (!query.symbol_term_rows.empty()) query.symbol_term_rows += ' ';
+        query.symbol_term_rows += std::to_string(candidate.df.symbols);
     }
     auto match_of = [&](const std::vector<std::string>& terms) {
         if (terms.empty()) return std::string();

@@ -33,6 +33,11 @@ struct RetrievalQuery {
     // The inverse document frequency of each of `terms` over the index's files.
     std::vector<double> term_idf;
     std::vector<std::string> symbol_terms;
+    // How many rows of the symbols' text hold each of `symbol_terms`, space-separated (the
+    // ranking's idf; term_bm25.hpp).
+    std::string symbol_term_rows;
+    // The same for the files' text: how many file rows hold each word of `file_match`.
+    std::string file_term_rows;
     // The FTS5 queries over them: the words ORed, test files' rows left out unless wanted.
     std::string file_match;
     std::string symbol_match;

@@ -4,16 +4,17 @@
 // to this module alone: an index written before them simply lacks them until its next
 // `kestrix index` run, and readers cope with their absence.
 //
-//   retrieval_symbol_text: FTS5, contentless; one row per symbol of a source
-//       file, rowid = symbols.id, negated for a symbol of a test file (a search that leaves
-//       tests out reads only the positive rowids, a range FTS5 seeks to, where a marker word
-//       made it merge a posting list as long as the tests' symbols). Columns of search words
+//   retrieval_symbol_text: FTS5, contentless, without size records; one row per symbol of a
+//       source file, rowid = symbols.id above the row's length (term_bm25.hpp, whose ranking
+//       reads it there), negated for a symbol of a test file (a search that leaves tests out
+//       reads only the positive rowids, a range FTS5 seeks to). Columns of search words
 //       (search_words.hpp), each word once per column: name (split and whole), qualified (the
 //       fully qualified name), signature, doc (docstring), body (the
 //       identifiers and comment words of its lines; a class-like symbol leaves out its
 //       members' lines and their doc comments, which are rows of their own).
-//   retrieval_file_text: FTS5, contentless; one row per source file, rowid = its doc_id
-//       (below), negative for a test file: path, body (the words of the whole text, each repeated by the order of
+//   retrieval_file_text: FTS5, contentless, without size records; one row per source file,
+//       rowid = its document number above the row's length, negated for a test file (the
+//       state row's doc_id, below): path, body (the words of the whole text, each repeated by the order of
 //       magnitude of its count).
 //   retrieval_symbol_vocab, retrieval_file_vocab: fts5vocab 'row' tables (documents per word).
 //   retrieval_word_counts(word, symbols, files): the same counts, kept as rows are written, for
@@ -45,7 +46,7 @@
 namespace orvane_kestrix::retrieval {
 
 inline constexpr const char* kRetrievalRevisionKey = "retrieval_revision";
-inline constexpr const char* kRetrievalRevision = "7";
+inline constexpr const char* kRetrievalRevision = "9";
 // The condition a search of either full-text table adds to leave test files' rows out.
 inline constexpr const char* kOutsideTests = " AND rowid > 0";
 
