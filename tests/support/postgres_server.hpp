@@ -79,18 +79,28 @@ private:
                 "' -w -o \"-c listen_addresses='' -c unix_socket_directories='" + dir_.string() +
                 "' -c fsync=off -c synchronous_commit=off -c full_page_writes=off\" start");
         pg_ctl_ = bin / "pg_ctl";
+        // A test binary that dies without running its destructors (an abort, a sanitizer
+        // report) would leave the server running: a watchdog stops it and removes the
+        // directory once this process is gone.
+        const std::string watchdog = "(while kill -0 " + std::to_string(getpid()) +
+                                     " 2>/dev/null; do sleep 1; done; cd / && " + stop_command() + "; rm -rf '" +
+                                     dir_.string() + "') </dev/null >/dev/null 2>&1 &";
+        [[maybe_unused]] const int watching = std::system(watchdog.c_str());
         orvane_kestrix::postgres::Connection admin(url("postgres"));
         admin.exec(std::string("CREATE ROLE ") + kPasswordUser + " LOGIN SUPERUSER PASSWORD '" + kPassword + "'");
     }
 
     ~PostgresServer() {
         if (!pg_ctl_.empty()) {
-            const std::string command = "cd / && " + as_server_user_ + "'" + pg_ctl_.string() + "' -D '" + data_.string() +
-                                        "' -m immediate -w stop >/dev/null 2>&1";
+            const std::string command = "cd / && " + stop_command() + " >/dev/null 2>&1";
             [[maybe_unused]] const int status = std::system(command.c_str());
         }
         std::error_code error;
         std::filesystem::remove_all(dir_, error);
+    }
+
+    std::string stop_command() const {
+        return as_server_user_ + "'" + pg_ctl_.string() + "' -D '" + data_.string() + "' -m immediate -w stop";
     }
 
     // Debian's server programs, of the newest installed version.
