@@ -77,7 +77,10 @@ private:
         run("pg_ctl start", bin / "pg_ctl",
             "-D '" + data_.string() + "' -l '" + (dir_ / "server.log").string() +
                 "' -w -o \"-c listen_addresses='' -c unix_socket_directories='" + dir_.string() +
-                "' -c fsync=off -c synchronous_commit=off -c full_page_writes=off\" start");
+                "' -c fsync=off -c synchronous_commit=off -c full_page_writes=off"
+                // Parallel query's shared memory in the data directory, not /dev/shm, which
+                // containers keep small.
+                " -c dynamic_shared_memory_type=mmap\" start");
         pg_ctl_ = bin / "pg_ctl";
         // A test binary that dies without running its destructors (an abort, a sanitizer
         // report) would leave the server running: a watchdog stops it and removes the
