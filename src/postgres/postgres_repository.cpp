@@ -225,7 +225,17 @@ std::vector<CoveringTest> PostgresRepository::find_covering_tests(const std::vec
     std::vector<CoveringTest> out;
     const std::vector<std::string> asked = storable(paths);
     if (asked.empty()) return out;
-    const Result r = run("covering_tests", {text_array_literal(asked)});
+    // The builder carries on without covering tests when their lookup fails; inside a
+    // snapshot a failed statement would end the whole transaction, so it runs in a savepoint.
+    if (in_snapshot_) connection_.exec("SAVEPOINT covering_tests", "read the index");
+    Result r;
+    try {
+        r = run("covering_tests", {text_array_literal(asked)});
+    } catch (const PostgresError&) {
+        if (in_snapshot_ && !connection_.is_broken()) connection_.exec("ROLLBACK TO SAVEPOINT covering_tests", "read the index");
+        throw;
+    }
+    if (in_snapshot_) connection_.exec("RELEASE SAVEPOINT covering_tests", "read the index");
     for (int i = 0; i < r.rows(); ++i) {
         const std::string_view test = r.text(i, 0);
         if (out.empty() || out.back().path != test) out.push_back(CoveringTest{std::string(test), {}});

@@ -355,4 +355,33 @@ TEST(ServerIndex, TheMcpServerAnswersFromTheServer) {
     EXPECT_TRUE(contains(pack["notes"][0].get<std::string>(), "no retriever tables yet"));
 }
 
+
+// Readers need nothing but SELECT; a failed covering-test lookup (here: refused) leaves the
+// rest of the snapshot readable, so the pack goes on without tests as the builder expects.
+TEST(ServerIndex, AReaderWithSelectOnlyAndAFailedCoveringLookupReadsOn) {
+    kestrix_test::ScratchDir scratch("server-reader");
+    auto& server = kestrix_test::PostgresServer::shared();
+    const std::string url = server.create_database("reader");
+    index_into(kSample, scratch.path() / "index.db");
+    postgres::Connection admin(url);
+    postgres::publish_index(scratch.path() / "index.db", admin, "org/sample");
+    admin.exec("DROP ROLE IF EXISTS kestrix_reader");
+    admin.exec("CREATE ROLE kestrix_reader LOGIN");
+    admin.exec("GRANT SELECT ON ALL TABLES IN SCHEMA public TO kestrix_reader");
+    admin.exec("REVOKE SELECT ON covering_tests FROM kestrix_reader");
+    const std::string reader_url = url.substr(0, url.find("&user=")) + "&user=kestrix_reader";
+
+    postgres::PostgresRepository reader(reader_url, "org/sample");
+    reader.begin_snapshot();
+    EXPECT_THROW(reader.find_covering_tests({"python/shop/cart.py"}), postgres::PostgresError);
+    EXPECT_TRUE(reader.get_symbol_by_fqn("python.shop.cart.Cart"));
+    reader.end_snapshot();
+
+    service::Workspace workspace({.repo = kSample, .list_tests = true, .use_retriever = false, .server_url = reader_url,
+                                  .repository_name = "org/sample"});
+    const auto pack = workspace.pack({.task = "Fix total_price in the cart"}).to_dict();
+    EXPECT_FALSE(pack["symbols"].empty());
+    EXPECT_TRUE(pack["tests"].empty());
+}
+
 }  // namespace
