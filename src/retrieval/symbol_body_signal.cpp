@@ -56,14 +56,7 @@ private:
 };
 
 
-// Offsets of the start of each line (1-based line n starts at starts[n - 1]).
-std::vector<std::size_t> line_starts(const std::string& text) {
-    std::vector<std::size_t> starts{0};
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '\n') starts.push_back(i + 1);
-    }
-    return starts;
-}
+constexpr std::size_t kScannedFilesKept = 32;
 
 // The files the signals so far rank highest: each by the better of its own score and its
 // best symbol's.
@@ -89,6 +82,67 @@ std::vector<std::int64_t> leading_files(const RetrievalContext& context, const R
 }
 
 }  // namespace
+
+// Each distinct identifier of the file once, and every occurrence, line by line, as an index
+// into them; valid while the file keeps its size and modification time.
+struct SymbolBodySignal::ScannedFile {
+    std::uint64_t size = 0;
+    std::int64_t mtime_ns = 0;
+    std::uint64_t used = 0;  // the scan clock when a task last read it
+    std::vector<std::string> identifiers;
+    std::vector<std::uint32_t> occurrences;
+    std::vector<std::size_t> line_begin;  // line n's occurrences start at line_begin[n - 1]; one past the last line too
+
+    std::int64_t lines() const { return static_cast<std::int64_t>(line_begin.size()) - 1; }
+
+    static ScannedFile scan(std::string_view text) {
+        ScannedFile file;
+        std::unordered_map<std::string_view, std::uint32_t> index;
+        std::vector<std::string_view> distinct;
+        struct Sink {
+            std::unordered_map<std::string_view, std::uint32_t>& index;
+            std::vector<std::string_view>& distinct;
+            std::vector<std::uint32_t>& occurrences;
+        } sink{index, distinct, file.occurrences};
+        std::size_t from = 0;
+        while (from <= text.size()) {
+            const std::size_t newline = text.find('\n', from);
+            const std::size_t to = newline == std::string_view::npos ? text.size() : newline + 1;
+            file.line_begin.push_back(file.occurrences.size());
+            detail::scan_identifiers(text.substr(from, to - from), &sink, [](void* context, std::string_view identifier) {
+                auto& [index, distinct, occurrences] = *static_cast<Sink*>(context);
+                auto [it, added] = index.try_emplace(identifier, static_cast<std::uint32_t>(distinct.size()));
+                if (added) distinct.push_back(identifier);
+                occurrences.push_back(it->second);
+            });
+            if (newline == std::string_view::npos) break;
+            from = to;
+        }
+        file.line_begin.push_back(file.occurrences.size());
+        file.identifiers.assign(distinct.begin(), distinct.end());
+        return file;
+    }
+};
+
+const SymbolBodySignal::ScannedFile& SymbolBodySignal::scanned_file(const std::string& path, std::string_view text,
+                                                                   const FileReadResult& read) {
+    auto& slot = scanned_[path];
+    if (slot == nullptr || slot->size != read.size || slot->mtime_ns != read.mtime_ns || slot->size != text.size()) {
+        auto file = std::make_shared<ScannedFile>(ScannedFile::scan(text));
+        file->size = read.size;
+        file->mtime_ns = read.mtime_ns;
+        slot = std::move(file);
+    }
+    slot->used = scan_clock_;
+    const ScannedFile& kept = *slot;
+    // Past the limit, the files no task has read for longest go.
+    while (scanned_.size() > kScannedFilesKept) {
+        auto oldest = std::min_element(scanned_.begin(), scanned_.end(),
+                                       [](const auto& a, const auto& b) { return a.second->used < b.second->used; });
+        scanned_.erase(oldest);
+    }
+    return kept;
+}
 
 SymbolBodySignal::SymbolBodySignal(std::optional<std::filesystem::path> root) {
     if (root) root_ = std::make_unique<RootDirectory>(*root);
@@ -139,14 +193,20 @@ SignalScores SymbolBodySignal::score(const RetrievalQuery& query, RetrievalConte
     std::vector<BodySymbol*> scored;
     std::int64_t total_length = 0;
     std::string text;
+    ++scan_clock_;
     for (std::int64_t file_id : files) {
         auto found = by_file.find(file_id);
         const CatalogFile* entry = context.catalog.file(file_id);
         if (found == by_file.end() || entry == nullptr) continue;
+        // Read each time, beneath the root, so that a changed or swapped file is never taken
+        // for the one scanned before.
         const FileReadResult read = read_regular_file(*root_, entry->path, text, kMaxFileBytes);
         if (read.status != FileReadStatus::ok || static_cast<std::int64_t>(text.size()) != indexed_size[file_id]) continue;
-        const std::vector<std::size_t> starts = line_starts(text);
-        const auto line_count = static_cast<std::int64_t>(starts.size());
+        const ScannedFile& scanned = scanned_file(entry->path, text, read);
+        // What each distinct identifier of the file holds of the task's words.
+        std::vector<const IdentifierWords*> words_of(scanned.identifiers.size());
+        for (std::size_t i = 0; i < scanned.identifiers.size(); ++i) words_of[i] = &memo.words_of(scanned.identifiers[i]);
+        const std::int64_t line_count = scanned.lines();
         std::vector<BodySymbol>& symbols = found->second;
         for (BodySymbol& symbol : symbols) {
             if (symbol.start_line < 1 || symbol.start_line > line_count) continue;
@@ -159,17 +219,9 @@ SignalScores SymbolBodySignal::score(const RetrievalQuery& query, RetrievalConte
                     }
                 }
             }
-            auto count_words = [&](std::string_view part) {
-                struct Sink {
-                    IdentifierMemo& memo;
-                    BodySymbol& symbol;
-                } sink{memo, symbol};
-                detail::scan_identifiers(part, &sink, [](void* context, std::string_view identifier) {
-                    auto& [memo, symbol] = *static_cast<Sink*>(context);
-                    const IdentifierWords& words = memo.words_of(identifier);
-                    symbol.length += words.words;
-                    for (std::uint32_t term : words.terms) ++symbol.counts[term];
-                });
+            auto count = [&](const IdentifierWords& words) {
+                symbol.length += words.words;
+                for (std::uint32_t term : words.terms) ++symbol.counts[term];
             };
             const std::int64_t last = std::min(symbol.end_line, line_count);
             for (std::int64_t line = symbol.start_line; line <= last;) {
@@ -179,12 +231,20 @@ SignalScores SymbolBodySignal::score(const RetrievalQuery& query, RetrievalConte
                     line = inside->second + 1;
                     continue;
                 }
-                const std::size_t from = starts[static_cast<std::size_t>(line - 1)];
-                const std::size_t to = line < line_count ? starts[static_cast<std::size_t>(line)] : text.size();
-                count_words(std::string_view(text).substr(from, to - from));
+                const auto at = static_cast<std::size_t>(line - 1);
+                for (std::size_t k = scanned.line_begin[at]; k < scanned.line_begin[at + 1]; ++k) count(*words_of[scanned.occurrences[k]]);
                 ++line;
             }
-            for (int i = 0; i < kNameRepeats; ++i) count_words(symbol.name);
+            struct NameSink {
+                IdentifierMemo& memo;
+                decltype(count)& add;
+            } name_sink{memo, count};
+            for (int i = 0; i < kNameRepeats; ++i) {
+                detail::scan_identifiers(symbol.name, &name_sink, [](void* context, std::string_view identifier) {
+                    auto& sink = *static_cast<NameSink*>(context);
+                    sink.add(sink.memo.words_of(identifier));
+                });
+            }
             total_length += symbol.length;
             scored.push_back(&symbol);
         }

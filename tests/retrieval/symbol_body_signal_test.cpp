@@ -1,13 +1,16 @@
 // The symbol-body signal over tests/sample_repo: which symbol of a leading file its words pick,
 // that a class stands for its own lines only, and that a file edited since it was indexed is
-// left out rather than scored by stale line ranges.
+// left out rather than scored by stale line ranges, and that a signal kept across tasks reads a
+// file again when it changed.
 
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -44,6 +47,12 @@ protected:
     // The signal's symbols, best first, for search words (already stemmed) of equal weight,
     // with cart.py as the one leading file.
     std::vector<std::string> ranked(const std::vector<std::string>& words) {
+        SymbolBodySignal signal(repo_);
+        return ranked(words, signal);
+    }
+
+    // The same with a signal kept across tasks, as a retriever keeps it.
+    std::vector<std::string> ranked(const std::vector<std::string>& words, SymbolBodySignal& signal) {
         SqliteRepository repository(dir_ / "index.db");
         storage::Database& db = repository.database();
         IndexCatalog catalog(db);
@@ -53,7 +62,6 @@ protected:
         RetrievalQuery query;
         query.terms = words;
         query.term_idf.assign(words.size(), 1.0);
-        SymbolBodySignal signal(repo_);
         const SignalScores scores = signal.score(query, context);
         std::vector<std::pair<double, std::int64_t>> order;
         std::vector<std::int64_t> ids;
@@ -104,6 +112,26 @@ TEST_F(SymbolBodySignalTest, AFileEditedSinceIndexingIsLeftOut) {
     ASSERT_FALSE(ranked({"append"}).empty());
     std::ofstream(repo_ / "python" / "shop" / "cart.py", std::ios::app) << "\n# edited\n";
     EXPECT_TRUE(ranked({"append"}).empty());
+}
+
+TEST_F(SymbolBodySignalTest, ASignalKeptAcrossTasksReadsAnEditOfTheSameSize) {
+    SymbolBodySignal signal(repo_);
+    const auto before = ranked({"owner"}, signal);
+    ASSERT_FALSE(before.empty());
+    EXPECT_EQ(before[0], "python.shop.cart.Cart.__init__");
+    // Every "owner" becomes a word of the same length: the index still takes the file as it was.
+    const fs::path cart = repo_ / "python" / "shop" / "cart.py";
+    std::ifstream in(cart);
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    in.close();
+    for (std::size_t at = text.find("owner"); at != std::string::npos; at = text.find("owner", at)) text.replace(at, 5, "quark");
+    const auto written = fs::last_write_time(cart);
+    std::ofstream(cart, std::ios::trunc) << text;
+    fs::last_write_time(cart, written + std::chrono::seconds(2));
+    EXPECT_TRUE(ranked({"owner"}, signal).empty());
+    const auto after = ranked({"quark"}, signal);
+    ASSERT_FALSE(after.empty());
+    EXPECT_EQ(after[0], "python.shop.cart.Cart.__init__");
 }
 
 TEST(MinorSymbols, PropertiesWithABodyAreNotMinor) {

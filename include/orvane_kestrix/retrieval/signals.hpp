@@ -1,15 +1,19 @@
 #pragma once
 // The retriever's signals (retrieval_signal.hpp), in the order the fusion runs them.
 
+#include <cstdint>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include "orvane_kestrix/retrieval/retrieval_signal.hpp"
 
 namespace orvane_kestrix {
 class RootDirectory;
+struct FileReadResult;
 }
 
 namespace orvane_kestrix::retrieval {
@@ -61,8 +65,17 @@ public:
     std::string_view name() const override { return "symbol bodies"; }
     SignalScores score(const RetrievalQuery& query, RetrievalContext& context) override;
 
+    // A file's identifiers as this signal reads them (defined in its source).
+    struct ScannedFile;
+
 private:
+    const ScannedFile& scanned_file(const std::string& path, std::string_view text, const FileReadResult& read);
+
     std::unique_ptr<RootDirectory> root_;
+    // The leading files of the last tasks, scanned: an agent's tasks come back to the same
+    // files, and scanning their text was most of this signal's cost.
+    std::map<std::string, std::shared_ptr<ScannedFile>> scanned_;
+    std::uint64_t scan_clock_ = 0;
 };
 
 // Spreads the best hits so far over the reference graph: the callers and callees of the
