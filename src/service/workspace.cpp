@@ -6,6 +6,9 @@
 #include <stdexcept>
 #include <utility>
 
+#include "orvane_kestrix/postgres/index_publisher.hpp"
+#include "orvane_kestrix/postgres/postgres_repository.hpp"
+#include "orvane_kestrix/postgres/postgres_schema.hpp"
 #include "orvane_kestrix/retrieval/retrieval_tables.hpp"
 #include "orvane_kestrix/service/errors.hpp"
 #include "orvane_kestrix/service/retriever_factory.hpp"
@@ -46,6 +49,10 @@ auto translating_index_errors(const fs::path& index_path, Body&& body) -> declty
         throw DamagedIndexError(e.what());
     } catch (const storage::IndexBusyError& e) {
         throw IndexBusyError(e.what());
+    } catch (const postgres::UnknownRepositoryError& e) {
+        throw UnknownRepositoryError(e.what());
+    } catch (const postgres::SchemaVersionError& e) {
+        throw DamagedIndexError(e.what());
     } catch (const storage::SqliteError& e) {
         if (e.is_corruption()) {
             throw DamagedIndexError(storage::IndexFileError(index_path, std::string("damaged (") + e.what() + ")").what());
@@ -108,13 +115,32 @@ struct Workspace::OpenIndex {
 Workspace::Workspace(WorkspaceOptions options) : options_(std::move(options)) {
     std::error_code error;
     if (!fs::is_directory(options_.repo, error)) throw MissingRepositoryError(options_.repo.string());
-    index_path_ = options_.db.value_or(indexer::default_index_path(options_.repo));
+    if (options_.server_url) {
+        if (options_.repository_name.empty()) {
+            throw UnknownRepositoryError("an index on a server needs the repository's name there (--name ORG/REPO)");
+        }
+        index_path_ = options_.db.value_or(postgres::default_staging_index(*options_.server_url, options_.repository_name));
+    } else {
+        if (!options_.repository_name.empty()) {
+            throw ServiceError("a repository name (--name) is for an index on a server (--db postgresql://...)");
+        }
+        index_path_ = options_.db.value_or(indexer::default_index_path(options_.repo));
+    }
 }
 
 Workspace::~Workspace() = default;
 
 bool Workspace::has_complete_index() const {
     return translating_index_errors(index_path_, [&] {
+        if (options_.server_url) {
+            postgres::Connection connection(*options_.server_url);
+            try {
+                postgres::open_repository_row(connection, options_.repository_name);
+                return true;
+            } catch (const postgres::UnknownRepositoryError&) {
+                return false;
+            }
+        }
         std::error_code error;
         if (!fs::exists(index_path_, error)) return false;
         // An empty file holds nothing to lose: a refresh makes the index in it.
@@ -150,6 +176,12 @@ indexer::IndexStats Workspace::refresh(const RefreshOptions& refresh) {
         updating_.store(progress.updating);
         if (refresh.on_progress) refresh.on_progress(progress);
     };
+    if (options_.server_url) {
+        // The server keeps no retriever tables yet, so the staging index does not either.
+        return translating_index_errors(index_path_, [&] {
+            return postgres::index_to_server(options, *options_.server_url, options_.repository_name).index;
+        });
+    }
     // Every refresh keeps the retriever's tables too, whether this workspace ranks with them or not.
     options = retrieval::index_options_with_retrieval(std::move(options));
     return translating_index_errors(index_path_, [&] { return indexer::IndexBuilder(options).run(); });
@@ -193,9 +225,32 @@ void Workspace::follow_state(OpenIndex& index, std::int64_t data_version) {
     index.data_version = data_version;
 }
 
+ContextPack Workspace::pack_from_server(const PackRequest& request) {
+    return translating_index_errors(index_path_, [&] {
+        if (server_ && server_->connection().is_broken()) server_.reset();
+        if (!server_) server_ = std::make_unique<postgres::PostgresRepository>(*options_.server_url, options_.repository_name);
+        postgres::PostgresRepository& repository = *server_;
+        repository.begin_snapshot();
+        try {
+            std::unique_ptr<HybridRetriever> retriever;
+            if (options_.use_retriever) retriever = make_retriever(repository);
+            ContextBuilder builder(repository, retriever.get(), ContextBuilderOptions{.list_tests = options_.list_tests});
+            const IndexingStatus status = indexing_status();
+            builder.set_indexing_status(status.in_progress, status.progress);
+            ContextPack pack = builder.build_context_pack(request);
+            repository.end_snapshot();
+            return pack;
+        } catch (...) {
+            repository.abandon_snapshot();
+            throw;
+        }
+    });
+}
+
 ContextPack Workspace::pack(PackRequest request) {
     if (request.include_snippets && !request.repo_root) request.repo_root = options_.repo;
     std::lock_guard lock(pack_mutex_);
+    if (options_.server_url) return pack_from_server(request);
     try {
         return translating_index_errors(index_path_, [&] {
             // Read before the snapshot is taken: a pack that says the index is up to date

@@ -8,6 +8,7 @@
 #include <limits>
 
 #include "orvane_kestrix/storage/repository_fan_in.hpp"
+#include "orvane_kestrix/storage/symbol_file_paths.hpp"
 
 namespace orvane_kestrix {
 
@@ -242,24 +243,14 @@ SymbolSearchResult SqliteRepository::search_symbols(const std::string& pattern, 
 }
 
 SymbolPathMap SqliteRepository::get_file_paths_batch(const std::vector<Symbol>& symbols) {
-    SymbolPathMap out;
-    std::vector<std::int64_t> file_ids;
-    for (const auto& s : symbols) {
-        if (s.id && s.file_id) file_ids.push_back(*s.file_id);
-    }
-    if (file_ids.empty()) return out;
-    std::unordered_map<std::int64_t, std::string> path_of_file;
-    {
+    return storage::symbol_file_paths(symbols, [&](const std::vector<std::int64_t>& file_ids) {
+        std::unordered_map<std::int64_t, std::string> path_of_file;
         Statement& q = statements_->file_paths;
         ResetOnExit guard{q};
         q.bind(1, storage::json_array(file_ids));
         while (q.step()) path_of_file.emplace(q.column_int64(0), q.column_string(1));
-    }
-    for (const auto& s : symbols) {
-        if (!s.id || !s.file_id) continue;
-        if (auto it = path_of_file.find(*s.file_id); it != path_of_file.end()) out.emplace(*s.id, it->second);
-    }
-    return out;
+        return path_of_file;
+    });
 }
 
 FanInMap SqliteRepository::production_fan_in(const std::vector<std::int64_t>& ids) {

@@ -25,6 +25,13 @@ public:
     using ServiceError::ServiceError;
 };
 
+// The index server holds no repository of the requested name; what() names the command that
+// indexes it.
+class UnknownRepositoryError : public ServiceError {
+public:
+    using ServiceError::ServiceError;
+};
+
 // The index file cannot be used (damaged, foreign, newer schema); what() names --rebuild.
 class DamagedIndexError : public ServiceError {
 public:

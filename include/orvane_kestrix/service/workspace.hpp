@@ -10,6 +10,9 @@
 // it sees the index as one committed state even while a refresh writes (a refresh commits
 // once), and the retriever's view of the index is renewed whenever that state changed.
 // The indexing status counts refreshes run by other processes too (their writer lock).
+//
+// With the index on a PostgreSQL server, each pack reads one committed state of the repository
+// (a read-only snapshot transaction), so a publish beside it is seen whole or not at all.
 
 #include <sys/types.h>
 
@@ -24,12 +27,16 @@
 #include "orvane_kestrix/indexer/index_builder.hpp"
 #include "orvane_kestrix/workers/context_builder/context_builder.hpp"
 
+namespace orvane_kestrix::postgres {
+class PostgresRepository;
+}
+
 namespace orvane_kestrix::service {
 
 struct WorkspaceOptions {
     std::filesystem::path repo = ".";
     // The index file; default: <repo>/.kestrix/index.db.
-    std::optional<std::filesystem::path> db;
+    std::optional<std::filesystem::path> db{};
     // Packs list the test files that cover their first source files.
     bool list_tests = false;
     // Seed packs with the index's retriever when it has one.
@@ -38,6 +45,11 @@ struct WorkspaceOptions {
     unsigned index_jobs = 0;
     // Refreshes index minified and generated files too (IndexOptions::include_generated).
     bool include_generated = false;
+    // The index on a PostgreSQL server instead of a file: the server's URL and the
+    // repository's name there (ORG/REPO). Packs read the server; a refresh indexes into the
+    // local staging index (`db`, default postgres::default_staging_index) and publishes it.
+    std::optional<std::string> server_url{};
+    std::string repository_name{};
 };
 
 struct RefreshOptions {
@@ -66,11 +78,15 @@ public:
     Workspace& operator=(const Workspace&) = delete;
 
     const std::filesystem::path& repo() const { return options_.repo; }
+    // The index file; on a server, the local staging index a refresh writes.
     const std::filesystem::path& index_path() const { return index_path_; }
+    // Whether the index is on a PostgreSQL server.
+    bool on_server() const { return options_.server_url.has_value(); }
 
     // Whether the index file holds a completed index. A file left by an interrupted first run
     // has no completion time and counts as incomplete (a refresh resumes it). Throws
-    // DamagedIndexError for a file that cannot be used.
+    // DamagedIndexError for a file that cannot be used. On a server: whether it holds the
+    // repository (IndexAccessError when it cannot be reached).
     bool has_complete_index() const;
 
     // Builds or refreshes the index on the calling thread. While it runs with work to do (a
@@ -101,11 +117,15 @@ private:
     // Makes the retriever and the builder again when the index is in another state than the
     // one they were made from. Called inside the pack's read transaction.
     void follow_state(OpenIndex& index, std::int64_t data_version);
+    // pack() over the index on a server. Called with pack_mutex_ held.
+    ContextPack pack_from_server(const PackRequest& request);
 
     WorkspaceOptions options_;
     std::filesystem::path index_path_;
     std::mutex pack_mutex_;
     std::unique_ptr<OpenIndex> open_;
+    // The connection to the index server, made on the first pack, made again after it broke.
+    std::unique_ptr<postgres::PostgresRepository> server_;
     std::mutex refresh_mutex_;
     std::atomic<bool> refreshing_{false};  // a refresh of this process runs
     std::atomic<bool> updating_{false};    // ... and has work to do

@@ -14,6 +14,7 @@
 #include <fmt/format.h>
 
 #include "command.hpp"
+#include "orvane_kestrix/postgres/connection.hpp"
 #include "orvane_kestrix/service/workspace.hpp"
 #include "service_failure.hpp"
 #include "orvane_kestrix/workers/context_builder/constants.hpp"
@@ -39,6 +40,7 @@ struct ContextArguments {
     bool list_tests = false;
     bool pretty = false;
     bool no_retriever = false;
+    std::string name;  // the repository's name on an index server
 };
 
 void print_indexing_start(const fs::path& repo, const fs::path& db) {
@@ -63,12 +65,18 @@ int run_context(const ContextArguments& arguments) {
     try {
         service::WorkspaceOptions options;
         options.repo = arguments.repo;
-        if (!arguments.db.empty()) options.db = fs::path(arguments.db);
+        if (postgres::is_postgres_url(arguments.db)) {
+            options.server_url = arguments.db;
+            options.repository_name = arguments.name;
+        } else if (!arguments.db.empty()) {
+            options.db = fs::path(arguments.db);
+        }
         options.list_tests = arguments.list_tests;
         options.use_retriever = !arguments.no_retriever;
         service::Workspace workspace(options);
         install_stderr_log_sink(false);
-        if (!workspace.has_complete_index()) {
+        // A server's repositories are written by `kestrix index`, not by their readers.
+        if (!workspace.on_server() && !workspace.has_complete_index()) {
             print_indexing_start(workspace.repo(), workspace.index_path());
             const bool tty = isatty(STDERR_FILENO) != 0;
             std::function<void(const indexer::IndexProgress&)> on_progress;
@@ -100,7 +108,9 @@ const CommandRegistrar registrar([](CLI::App& app, int& exit_code) {
     auto arguments = std::make_shared<ContextArguments>();
     command->add_option("TASK", arguments->task, "the coding task, in plain words")->required();
     command->add_option("--repo", arguments->repo, "the repository's root directory")->capture_default_str();
-    command->add_option("--db", arguments->db, "the index file (default: REPO/.kestrix/index.db)");
+    command->add_option("--db", arguments->db,
+                        "the index file (default: REPO/.kestrix/index.db), or a postgresql:// URL: the index on a server");
+    command->add_option("--name", arguments->name, "with a postgresql:// --db: the repository's name there (ORG/REPO)");
     command->add_option("--budget", arguments->budget, "the tokens the pack should spend (0 to 1000000)")
         ->capture_default_str()
         ->check(CLI::Range(std::int64_t{0}, MAX_TOKEN_BUDGET));

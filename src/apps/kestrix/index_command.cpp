@@ -7,11 +7,13 @@
 #include <csignal>
 #include <filesystem>
 #include <iostream>
+#include <optional>
 
 #include <fmt/format.h>
 
 #include "command.hpp"
 #include "orvane_kestrix/indexer/index_builder.hpp"
+#include "orvane_kestrix/postgres/index_publisher.hpp"
 #include "orvane_kestrix/retrieval/retrieval_tables.hpp"
 #include "orvane_kestrix/storage/index_writer_lock.hpp"
 #include "orvane_kestrix/storage/sqlite_schema.hpp"
@@ -38,6 +40,8 @@ struct IndexArguments {
     bool no_retriever = false;
     bool no_wait = false;
     bool include_generated = false;
+    std::string name;     // the repository's name on an index server
+    std::string staging;  // the local index published to the server
 };
 
 // The exit code of a run that found another run updating the index (EX_TEMPFAIL: try again).
@@ -81,9 +85,23 @@ int run_index(const IndexArguments& arguments) {
         std::cerr << "kestrix index: " << arguments.repo << ": not a directory\n";
         return 2;
     }
+    const bool on_server = postgres::is_postgres_url(arguments.db);
+    if (on_server && arguments.name.empty()) {
+        std::cerr << "kestrix index: --db " << postgres::redacted_url(arguments.db)
+                  << " needs --name, the repository's name on the server (such as ORG/REPO)\n";
+        return 2;
+    }
+    if (!on_server && (!arguments.name.empty() || !arguments.staging.empty())) {
+        std::cerr << "kestrix index: --name and --staging are for an index on a server (--db postgresql://...)\n";
+        return 2;
+    }
     indexer::IndexOptions options;
     options.repo = arguments.repo;
-    if (!arguments.db.empty()) options.db = arguments.db;
+    if (on_server) {
+        if (!arguments.staging.empty()) options.db = arguments.staging;
+    } else if (!arguments.db.empty()) {
+        options.db = arguments.db;
+    }
     options.rebuild = arguments.rebuild;
     options.jobs = arguments.jobs;
     options.max_file_size = arguments.max_file_size;
@@ -93,7 +111,8 @@ int run_index(const IndexArguments& arguments) {
     options.on_lock_wait = [](pid_t holder) {
         std::cerr << "kestrix index: waiting for another index run (pid " << holder << ") to finish\n";
     };
-    if (!arguments.no_retriever) options = retrieval::index_options_with_retrieval(std::move(options));
+    // The server keeps no retriever tables yet, so its staging index does not either.
+    if (!arguments.no_retriever && !on_server) options = retrieval::index_options_with_retrieval(std::move(options));
 
     ProgressBar bar;
     if (isatty(STDERR_FILENO) != 0) {
@@ -118,9 +137,22 @@ int run_index(const IndexArguments& arguments) {
     } restore{previous_int, previous_term};
 
     try {
-        const indexer::IndexStats stats = indexer::IndexBuilder(options).run();
+        indexer::IndexStats stats;
+        std::optional<postgres::PublishStats> published;
+        if (on_server) {
+            postgres::ServerIndexStats server = postgres::index_to_server(options, arguments.db, arguments.name);
+            stats = std::move(server.index);
+            if (!stats.cancelled) published = server.publish;
+        } else {
+            stats = indexer::IndexBuilder(options).run();
+        }
         bar.clear();
         std::cout << stats.summary() << std::endl;
+        if (published) {
+            std::cout << fmt::format("published {} to {} ({} rows, {:.2f} s)", arguments.name,
+                                     postgres::redacted_url(arguments.db), published->rows, published->seconds)
+                      << std::endl;
+        }
         if (arguments.timings) {
             std::string line = "timings:";
             for (const auto& [phase, seconds] : stats.timings) line += fmt::format(" {} {:.3f} s", phase, seconds);
@@ -146,8 +178,15 @@ const CommandRegistrar registrar([](CLI::App& app, int& exit_code) {
     auto* command = app.add_subcommand("index", "Build or refresh the index of a repository");
     auto arguments = std::make_shared<IndexArguments>();
     command->add_option("--repo", arguments->repo, "the repository's root directory")->capture_default_str();
-    command->add_option("--db", arguments->db, "the index file (default: REPO/.kestrix/index.db)");
-    command->add_flag("--rebuild", arguments->rebuild, "index from scratch, then replace the index file");
+    command->add_option("--db", arguments->db,
+                        "the index file (default: REPO/.kestrix/index.db), or a postgresql:// URL: the index on a server");
+    command->add_option("--name", arguments->name, "with a postgresql:// --db: the repository's name there (ORG/REPO)");
+    command->add_option("--staging", arguments->staging,
+                        "with a postgresql:// --db: the local index file published to the server "
+                        "(default: under $XDG_CACHE_HOME/kestrix)");
+    command->add_flag("--rebuild", arguments->rebuild,
+                      "index from scratch, then replace the index file (on a server: also rewrite a repository of "
+                      "another schema version)");
     command->add_option("--jobs", arguments->jobs, "parser threads (default: one per core; at most 256)")
         ->check(CLI::Range(0u, 256u));
     command->add_option("--max-file-size", arguments->max_file_size,

@@ -12,6 +12,7 @@
 #include "orvane_kestrix/mcp/index_follower.hpp"
 #include "orvane_kestrix/mcp/server.hpp"
 #include "orvane_kestrix/mcp/stdio_transport.hpp"
+#include "orvane_kestrix/postgres/connection.hpp"
 #include "orvane_kestrix/service/workspace.hpp"
 #include "service_failure.hpp"
 
@@ -26,6 +27,7 @@ struct McpArguments {
     bool list_tests = false;
     bool no_follow = false;
     bool include_generated = false;
+    std::string name;  // the repository's name on an index server
 };
 
 // Log lines go to standard error: standard output carries protocol messages only.
@@ -39,7 +41,12 @@ int run_mcp(const McpArguments& arguments) {
     try {
         service::WorkspaceOptions options;
         options.repo = arguments.repo;
-        if (!arguments.db.empty()) options.db = std::filesystem::path(arguments.db);
+        if (postgres::is_postgres_url(arguments.db)) {
+            options.server_url = arguments.db;
+            options.repository_name = arguments.name;
+        } else if (!arguments.db.empty()) {
+            options.db = std::filesystem::path(arguments.db);
+        }
         options.list_tests = arguments.list_tests;
         options.include_generated = arguments.include_generated;
         service::Workspace workspace(options);
@@ -51,7 +58,8 @@ int run_mcp(const McpArguments& arguments) {
         mcp::FollowOptions follow;
         follow.log = log_line;
         mcp::IndexFollower follower(workspace, follow);
-        if (!arguments.no_follow) follower.start();
+        // A server's repositories are written by `kestrix index` on the machine that builds them.
+        if (!arguments.no_follow && !workspace.on_server()) follower.start();
         if (endpoint) {
             mcp::serve_http(server, *endpoint, log_line);
         } else {
@@ -69,7 +77,9 @@ const CommandRegistrar registrar([](CLI::App& app, int& exit_code) {
     auto* command = app.add_subcommand("mcp", "Serve the context tool to coding agents over the Model Context Protocol");
     auto arguments = std::make_shared<McpArguments>();
     command->add_option("--repo", arguments->repo, "the repository's root directory")->capture_default_str();
-    command->add_option("--db", arguments->db, "the index file (default: REPO/.kestrix/index.db)");
+    command->add_option("--db", arguments->db,
+                        "the index file (default: REPO/.kestrix/index.db), or a postgresql:// URL: the index on a server");
+    command->add_option("--name", arguments->name, "with a postgresql:// --db: the repository's name there (ORG/REPO)");
     command->add_option("--http", arguments->http,
                         "serve Streamable HTTP on HOST:PORT (or PORT, on 127.0.0.1) instead of standard input and output");
     command->add_flag("--list-tests", arguments->list_tests, "list the tests that cover the pack's files");
