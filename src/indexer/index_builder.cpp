@@ -105,6 +105,7 @@ struct WorkResult {
     std::int64_t size = 0;
     std::int64_t mtime_ns = -1;
     ParsedFile parsed;
+    std::shared_ptr<void> description;  // ParsedFileRows::describe's
 };
 
 // Results travel from the parser threads to the writer in the order their files were handed
@@ -180,7 +181,8 @@ ExtractFunction tree_sitter_extractor(const std::atomic<bool>* cancel) {
 
 // Reads, checks and parses one file on a worker thread.
 WorkResult process(const RootDirectory& root, const Candidate& candidate, std::size_t index, std::uint64_t max_size,
-                   std::int64_t run_start_ns, bool force_parse, bool include_generated, ExtractFunction& extract) {
+                   std::int64_t run_start_ns, bool force_parse, bool include_generated, ExtractFunction& extract,
+                   const ParsedFileRows* file_rows) {
     WorkResult result;
     result.candidate = index;
     std::string bytes;
@@ -210,7 +212,11 @@ WorkResult process(const RootDirectory& root, const Candidate& candidate, std::s
         return result;
     }
 
-    if (!text::is_source_text(bytes)) bytes = text::source_text(bytes);
+    // The parser reads the text as UTF-8 with LF line ends; other modules' rows are made from
+    // the bytes as they are in the file.
+    std::string converted;
+    if (!text::is_source_text(bytes)) converted = text::source_text(bytes);
+    const std::string& text = converted.empty() ? bytes : converted;
 
     ParsedFile& parsed = result.parsed;
     parsed.facts = candidate.facts;
@@ -218,7 +224,7 @@ WorkResult process(const RootDirectory& root, const Candidate& candidate, std::s
     parsed.facts.size = result.size;
     parsed.facts.mtime_ns = result.mtime_ns;
     try {
-        parsed.extraction = extract(candidate.facts.language, candidate.facts.path, bytes);
+        parsed.extraction = extract(candidate.facts.language, candidate.facts.path, text);
     } catch (const std::exception&) {
         result.reason = "parse_failed";
         return result;
@@ -247,6 +253,7 @@ WorkResult process(const RootDirectory& root, const Candidate& candidate, std::s
         for (auto& name : import.names) make_valid(name);
         make_valid(import.alias);
     }
+    if (file_rows != nullptr) result.description = file_rows->describe(parsed, bytes);
     result.kind = WorkResult::Kind::parsed;
     return result;
 }
@@ -486,6 +493,11 @@ private:
         // Results are written in the order the files were handed out, so that ids do not depend
         // on thread timing. A wide window lets the other parsers run on while one holds a large
         // file (or is descheduled on a busy machine); each waiting result is one file's facts.
+        if (options_.make_parsed_file_rows && !to_read_.empty()) {
+            file_rows_ = options_.make_parsed_file_rows();
+            begin_batch();
+            file_rows_->begin(db_, to_read_.size(), stored_.size());
+        }
         OrderedResults queue(kResultWindow, parsers);
         std::atomic<std::size_t> next{0};
         WorkerThreads workers(
@@ -510,6 +522,12 @@ private:
         if (cancelled()) stats_.cancelled = true;
         commit_batch();
         workers.join();
+        if (file_rows_ && !stats_.cancelled) {
+            begin_batch();
+            file_rows_->finish(db_);
+            commit_batch();
+        }
+        file_rows_.reset();
     }
 
     // One parser thread: takes the next file to read until none is left, the run is
@@ -524,7 +542,7 @@ private:
                 if (slot >= to_read_.size()) break;
                 const std::size_t index = to_read_[slot];
                 WorkResult result = process(root_directory_, candidates_[index], index, options_.max_file_size, run_start_ns_,
-                                            reparse_all_, options_.include_generated, extract);
+                                            reparse_all_, options_.include_generated, extract, file_rows_.get());
                 if (!queue.push(slot, std::move(result))) break;
             }
         } catch (...) {
@@ -559,11 +577,13 @@ private:
                 mark_stale();
                 note_change(candidate);
                 {
+                    const std::int64_t first_symbol_id = store_->last_symbol_id() + 1;
                     const std::int64_t id = store_->write_parsed(
                         result.parsed, candidate.stored ? std::optional<std::int64_t>(candidate.stored->id) : std::nullopt,
                         &collected_);
                     written_.insert(id);
                     if (incremental_ && candidate.stored == nullptr) incremental_->note_added(id);
+                    if (result.description) file_rows_->write(db_, id, first_symbol_id, std::move(result.description));
                 }
                 ++in_batch_;
                 break;
@@ -744,6 +764,7 @@ private:
     bool discard_on_exit_ = false;  // the index built aside is removed unless published
     Database db_;
     std::optional<IndexStore> store_;
+    std::unique_ptr<ParsedFileRows> file_rows_;  // another module's rows of each parsed file
     std::optional<IncrementalRefresh> incremental_;  // while this run's changes allow one
     std::optional<Transaction> transaction_;  // the batch being written
 

@@ -35,6 +35,11 @@ constexpr const char* kStaleRowsKey = "retrieval_stale_rows";
 // Larger files are far past any size the indexer reads; their rows keep only names and docs.
 constexpr std::uint64_t kMaxDescribedBytes = 256u * 1024 * 1024;
 constexpr const char* kLastDocKey = "retrieval_last_doc_id";
+// "1" while rows written during an index run wait for their words to be counted.
+constexpr const char* kCountsPendingKey = "retrieval_counts_pending";
+// A run that parses more files than this, and more than a quarter of the index, starts the
+// tables from empty.
+constexpr std::size_t kMinFilesForClear = 64;
 
 constexpr const char* kTables = R"sql(
 CREATE VIRTUAL TABLE retrieval_symbol_text USING fts5(
@@ -483,7 +488,8 @@ std::size_t write_rows(Database& db, const fs::path& root_path, std::vector<File
     return written;
 }
 
-// Creates the tables when they are missing or of another revision.
+// Creates the tables when they are missing, of another revision, or left incomplete by a run
+// that stopped before counting the words of the rows it wrote.
 void ensure_tables(Database& db) {
     if (has_retrieval_tables(db)) return;
     db.exec(kDropTables);
@@ -502,9 +508,77 @@ void clear_tables(Database& db) {
     storage::write_meta(db, kLastDocKey, "0");
 }
 
+// The rows of each file an index run parses, described by the parser that parsed it.
+class ParsedFileRetrievalRows final : public indexer::ParsedFileRows {
+public:
+    void begin(Database& db, std::size_t to_parse, std::size_t indexed) override {
+        ensure_tables(db);
+        // Until finish() has counted the words of the rows written, the tables are incomplete
+        // (a first build commits its rows in batches, and may stop between two).
+        storage::write_meta(db, kCountsPendingKey, "1");
+        // When much of the index is parsed again, its old rows would soon outnumber the live
+        // ones and force a rebuild of everything: start from empty tables instead.
+        if (to_parse > std::max<std::size_t>(kMinFilesForClear, indexed / 4)) clear_tables(db);
+        stale_ = meta_int(db, kStaleRowsKey);
+        writer_.emplace(db);
+        old_state_.emplace(db, "SELECT symbol_rows FROM retrieval_file_state WHERE file_id = ?");
+        forget_.emplace(db, "DELETE FROM retrieval_file_state WHERE file_id = ?");
+    }
+
+    std::shared_ptr<void> describe(const indexer::ParsedFile& parsed, std::string_view bytes) const override {
+        if (!parsed.facts.is_source) return nullptr;
+        auto job = std::make_shared<FileJob>();
+        job->path = parsed.facts.path;
+        job->content_hash = parsed.facts.content_hash;
+        job->is_test = parsed.facts.is_test;
+        const auto& symbols = parsed.extraction.symbols;
+        job->symbols.reserve(symbols.size());
+        for (std::size_t i = 0; i < symbols.size(); ++i) {
+            // Numbered by position until write() knows the ids; parents are positions too.
+            job->symbols.push_back({static_cast<std::int64_t>(i),
+                                    symbols[i].parent ? std::optional<std::int64_t>(static_cast<std::int64_t>(*symbols[i].parent))
+                                                      : std::nullopt,
+                                    symbols[i].name, symbols[i].fqn, symbols[i].kind, symbols[i].start_line,
+                                    symbols[i].end_line, symbols[i].signature, symbols[i].docstring});
+        }
+        describe_file(*job, bytes.size() <= kMaxDescribedBytes ? std::optional<std::string_view>(bytes) : std::nullopt);
+        count_word_rows(*job);
+        return job;
+    }
+
+    void write(Database&, std::int64_t file_id, std::int64_t first_symbol_id, std::shared_ptr<void> description) override {
+        auto& job = *static_cast<FileJob*>(description.get());
+        job.id = file_id;
+        for (std::size_t i = 0; i < job.symbols.size(); ++i) job.symbols[i].id = first_symbol_id + static_cast<std::int64_t>(i);
+        // The rows of the file's previous content stay behind, unreachable.
+        old_state_->bind(1, file_id);
+        if (old_state_->step()) {
+            stale_ += old_state_->column_int64(0) + 1;
+            old_state_->reset();
+            forget_->bind(1, file_id);
+            forget_->run();
+        } else {
+            old_state_->reset();
+        }
+        writer_->write(job);
+    }
+
+    void finish(Database& db) override {
+        writer_->finish();
+        storage::write_meta(db, kStaleRowsKey, std::to_string(stale_));
+        storage::write_meta(db, kCountsPendingKey, "0");
+    }
+
+private:
+    std::optional<RowWriter> writer_;
+    std::optional<Statement> old_state_, forget_;
+    std::int64_t stale_ = 0;
+};
+
 }  // namespace
 
 indexer::IndexOptions index_options_with_retrieval(indexer::IndexOptions options) {
+    options.make_parsed_file_rows = [] { return std::make_unique<ParsedFileRetrievalRows>(); };
     options.refresh_extra_tables = [](Database& db, const fs::path& root, unsigned jobs) {
         refresh_retrieval_tables(db, root, jobs);
     };
@@ -518,7 +592,8 @@ bool has_retrieval_tables(Database& db) {
                               "retrieval_file_vocab", "retrieval_file_state", "retrieval_word_counts"}) {
         if (!table_exists(db, table)) return false;
     }
-    return storage::read_meta(db, kRetrievalRevisionKey).value_or("") == kRetrievalRevision;
+    return storage::read_meta(db, kRetrievalRevisionKey).value_or("") == kRetrievalRevision &&
+           storage::read_meta(db, kCountsPendingKey).value_or("0") == "0";
 }
 
 

@@ -7,6 +7,7 @@
 
 #include <stdlib.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -229,6 +230,37 @@ TEST_F(HybridRetrieverTest, TablesFollowTheFiles) {
     index_into(repo_, db_);
     EXPECT_GT(tables_consistent(), stale_after_edit);
     for (const auto& fqn : hit_fqns(task)) EXPECT_EQ(fqn.find("python.shop.cart."), std::string::npos) << fqn;
+}
+
+TEST_F(HybridRetrieverTest, AFirstBuildStoppedBetweenBatchesIsCompletedWithWholeTables) {
+    // More files than one batch of a first build: the stop leaves committed rows whose words
+    // were not yet counted.
+    for (int i = 0; i < 600; ++i) {
+        std::ofstream(repo_ / ("ledger_" + std::to_string(i) + ".py"))
+            << "def settle_ledger_" << i << "(amount):\n    \"\"\"Settles ledger " << i << ".\"\"\"\n    return amount\n";
+    }
+    std::ofstream(repo_ / "aviary.py") << "def count_zebrafinch_eggs(nest):\n    return len(nest)\n";
+    std::atomic<bool> stop{false};
+    indexer::IndexOptions options;
+    options.repo = repo_;
+    options.db = db_;
+    options.use_git = false;
+    options.jobs = 2;
+    options.cancel = &stop;
+    options.on_progress = [&](const indexer::IndexProgress& progress) {
+        if (progress.phase == "parsing" && progress.done >= 400) stop = true;
+    };
+    ASSERT_TRUE(indexer::IndexBuilder(retrieval::index_options_with_retrieval(options)).run().cancelled);
+    {
+        storage::Database db = storage::open_index(db_, {.read_only = true});
+        ASSERT_GT(db.scalar_int("SELECT count(*) FROM retrieval_file_state"), 0);
+        EXPECT_FALSE(retrieval::has_retrieval_tables(db));
+    }
+    index_into(repo_, db_);
+    EXPECT_EQ(tables_consistent(), 0);
+    const auto hits = hit_fqns("count the zebrafinch eggs");
+    ASSERT_FALSE(hits.empty());
+    EXPECT_EQ(hits[0], "aviary.count_zebrafinch_eggs");
 }
 
 TEST_F(HybridRetrieverTest, TablesReadNothingThroughALinkOutOfTheRoot) {

@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "orvane_kestrix/indexer/extraction.hpp"
+#include "orvane_kestrix/indexer/index_store.hpp"
 #include "orvane_kestrix/storage/sqlite_schema.hpp"
 
 namespace orvane_kestrix::indexer {
@@ -46,6 +47,29 @@ struct IndexProgress {
     // The run's progress as one percentage: scanning counts as 0, parsing runs to 90,
     // resolving the references of the whole index takes the rest.
     std::int64_t percent() const;
+};
+
+// Rows that another module keeps in the index for each parsed file (the retriever's), made
+// while the run parses instead of in a pass of their own: the parser thread that parsed a file
+// describes it from the text it already holds, and the writing thread writes the description
+// right after the file's own rows, so that this work overlaps the parsing of the next files.
+// Files this run does not parse are the module's own to bring up to date
+// (IndexOptions::refresh_extra_tables, which runs after the parse).
+class ParsedFileRows {
+public:
+    virtual ~ParsedFileRows() = default;
+    // On the writing thread, inside a transaction, before the first file: `to_parse` files
+    // will be parsed, `indexed` are in the index.
+    virtual void begin(storage::Database& db, std::size_t to_parse, std::size_t indexed) = 0;
+    // On a parser thread: the description of a parsed file, from its extraction and its bytes
+    // as read; null when the module keeps no rows for it.
+    virtual std::shared_ptr<void> describe(const ParsedFile& parsed, std::string_view bytes) const = 0;
+    // On the writing thread, after the file's rows: its id, and the id of its first symbol
+    // (the others follow in extraction order).
+    virtual void write(storage::Database& db, std::int64_t file_id, std::int64_t first_symbol_id,
+                       std::shared_ptr<void> description) = 0;
+    // After the last file of a run that was not stopped, inside a transaction.
+    virtual void finish(storage::Database& db) = 0;
 };
 
 struct IndexOptions {
@@ -80,6 +104,8 @@ struct IndexOptions {
     // writing connection with the repository root and `jobs`, inside the run's transaction
     // when it has one (which its own transaction joins).
     std::function<void(storage::Database&, const std::filesystem::path&, unsigned)> refresh_extra_tables;
+    // Makes, for each run, the rows another module writes for each parsed file (ParsedFileRows).
+    std::function<std::unique_ptr<ParsedFileRows>()> make_parsed_file_rows;
     // Makes one parser per worker thread; default: the tree-sitter Extractor.
     std::function<ExtractFunction()> make_extractor;
 };

@@ -64,6 +64,9 @@ public:
     // load_snapshot would read them back), which spares reading them again.
     std::int64_t write_parsed(ParsedFile& file, std::optional<std::int64_t> existing_id,
                               IndexSnapshot* collect = nullptr);
+    // The largest symbol id given out: write_parsed numbers a file's symbols from the next one,
+    // in extraction order.
+    std::int64_t last_symbol_id() const { return last_symbol_id_; }
     // Records a new size/mtime for a file whose content is unchanged.
     void update_stat(std::int64_t file_id, std::int64_t size, std::int64_t mtime_ns);
     // Updates the flags and component of an unchanged file.

@@ -24,6 +24,12 @@
 //       describes each file and what it was made from; a file whose hash or test flag differs
 //       is described again.
 //
+// An index run writes the rows of each file it parses as it goes (the parser that parsed the
+// file describes it from the text it holds); the refresh at the end of the run describes the
+// other files whose rows are missing or stale. Until the run has counted the words of the rows
+// it wrote, meta "retrieval_counts_pending" is "1" and the tables count as absent: a first
+// build stopped between two batches has its tables remade by the next run.
+//
 // The full-text tables keep no copy of their text (it would double the index), so a changed
 // file's old rows cannot be deleted one by one: they stay, unreachable (their symbol ids are
 // never given out again, their doc_id has no state row), and are counted in meta
