@@ -490,14 +490,14 @@ private:
         unsigned jobs = options_.jobs != 0 ? options_.jobs : std::max(1u, std::thread::hardware_concurrency());
         jobs = static_cast<unsigned>(std::min<std::size_t>(jobs, std::max<std::size_t>(1, to_read_.size())));
         const std::size_t parsers = to_read_.empty() ? 0 : jobs;
-        // Results are written in the order the files were handed out, so that ids do not depend
-        // on thread timing. A wide window lets the other parsers run on while one holds a large
-        // file (or is descheduled on a busy machine); each waiting result is one file's facts.
         if (options_.make_parsed_file_rows && !to_read_.empty()) {
             file_rows_ = options_.make_parsed_file_rows();
             begin_batch();
             file_rows_->begin(db_, to_read_.size(), stored_.size());
         }
+        // Results are written in the order the files were handed out, so that ids do not depend
+        // on thread timing. A wide window lets the other parsers run on while one holds a large
+        // file (or is descheduled on a busy machine); each waiting result is one file's facts.
         OrderedResults queue(kResultWindow, parsers);
         std::atomic<std::size_t> next{0};
         WorkerThreads workers(

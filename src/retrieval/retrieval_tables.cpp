@@ -511,6 +511,8 @@ void clear_tables(Database& db) {
 // The rows of each file an index run parses, described by the parser that parsed it.
 class ParsedFileRetrievalRows final : public indexer::ParsedFileRows {
 public:
+    explicit ParsedFileRetrievalRows(std::size_t group_bytes) : group_bytes_(group_bytes) {}
+
     void begin(Database& db, std::size_t to_parse, std::size_t indexed) override {
         ensure_tables(db);
         // Until finish() has counted the words of the rows written, the tables are incomplete
@@ -546,39 +548,58 @@ public:
         return job;
     }
 
+    // Files are written in groups of about group_bytes_ of text: each commit of a first build's
+    // batch would otherwise flush what FTS5 holds in memory into a segment of a few files.
     void write(Database&, std::int64_t file_id, std::int64_t first_symbol_id, std::shared_ptr<void> description) override {
-        auto& job = *static_cast<FileJob*>(description.get());
-        job.id = file_id;
-        for (std::size_t i = 0; i < job.symbols.size(); ++i) job.symbols[i].id = first_symbol_id + static_cast<std::int64_t>(i);
-        // The rows of the file's previous content stay behind, unreachable.
-        old_state_->bind(1, file_id);
-        if (old_state_->step()) {
-            stale_ += old_state_->column_int64(0) + 1;
-            old_state_->reset();
-            forget_->bind(1, file_id);
-            forget_->run();
-        } else {
-            old_state_->reset();
+        auto job = std::static_pointer_cast<FileJob>(description);
+        job->id = file_id;
+        for (std::size_t i = 0; i < job->symbols.size(); ++i) job->symbols[i].id = first_symbol_id + static_cast<std::int64_t>(i);
+        pending_bytes_ += job->path_words.size() + job->file_body.size();
+        for (const SymbolRow& row : job->rows) {
+            pending_bytes_ += row.name.size() + row.qualified.size() + row.signature.size() + row.doc.size() + row.body.size();
         }
-        writer_->write(job);
+        pending_.push_back(std::move(job));
+        if (pending_bytes_ >= group_bytes_) write_pending();
     }
 
     void finish(Database& db) override {
+        write_pending();
         writer_->finish();
         storage::write_meta(db, kStaleRowsKey, std::to_string(stale_));
         storage::write_meta(db, kCountsPendingKey, "0");
     }
 
 private:
+    void write_pending() {
+        for (const auto& job : pending_) {
+            // The rows of the file's previous content stay behind, unreachable.
+            old_state_->bind(1, job->id);
+            if (old_state_->step()) {
+                stale_ += old_state_->column_int64(0) + 1;
+                old_state_->reset();
+                forget_->bind(1, job->id);
+                forget_->run();
+            } else {
+                old_state_->reset();
+            }
+            writer_->write(*job);
+        }
+        pending_.clear();
+        pending_bytes_ = 0;
+    }
+
     std::optional<RowWriter> writer_;
     std::optional<Statement> old_state_, forget_;
     std::int64_t stale_ = 0;
+    std::size_t group_bytes_;
+    std::vector<std::shared_ptr<FileJob>> pending_;
+    std::size_t pending_bytes_ = 0;
 };
 
 }  // namespace
 
-indexer::IndexOptions index_options_with_retrieval(indexer::IndexOptions options) {
-    options.make_parsed_file_rows = [] { return std::make_unique<ParsedFileRetrievalRows>(); };
+indexer::IndexOptions index_options_with_retrieval(indexer::IndexOptions options, std::size_t group_bytes) {
+    options.make_parsed_file_rows = [group_bytes] { return std::make_unique<ParsedFileRetrievalRows>(group_bytes); };
     options.refresh_extra_tables = [](Database& db, const fs::path& root, unsigned jobs) {
         refresh_retrieval_tables(db, root, jobs);
     };

@@ -250,7 +250,8 @@ TEST_F(HybridRetrieverTest, AFirstBuildStoppedBetweenBatchesIsCompletedWithWhole
     options.on_progress = [&](const indexer::IndexProgress& progress) {
         if (progress.phase == "parsing" && progress.done >= 400) stop = true;
     };
-    ASSERT_TRUE(indexer::IndexBuilder(retrieval::index_options_with_retrieval(options)).run().cancelled);
+    // Small groups of rows, so that some are written, and committed, before the stop.
+    ASSERT_TRUE(indexer::IndexBuilder(retrieval::index_options_with_retrieval(options, 4096)).run().cancelled);
     {
         storage::Database db = storage::open_index(db_, {.read_only = true});
         ASSERT_GT(db.scalar_int("SELECT count(*) FROM retrieval_file_state"), 0);

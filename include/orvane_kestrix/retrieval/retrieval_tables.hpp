@@ -37,6 +37,7 @@
 // rebuilt. Refreshes thus cost in proportion to the change, plus an occasional rebuild.
 //   meta "retrieval_revision": the format of these tables; another value remakes them.
 
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 
@@ -63,8 +64,14 @@ struct RetrievalRefreshStats {
 RetrievalRefreshStats refresh_retrieval_tables(storage::Database& db, const std::filesystem::path& root,
                                                unsigned jobs = 0);
 
-// `options` with the retriever's tables refreshed at the end of each index run.
-indexer::IndexOptions index_options_with_retrieval(indexer::IndexOptions options);
+// The text an index run writes to the full-text tables at a time while it parses: a commit
+// flushes what FTS5 holds in memory into a new segment, and many small segments cost more to
+// merge than to write.
+inline constexpr std::size_t kRowGroupBytes = 24u << 20;
+
+// `options` with the retriever's rows written for each file the run parses (in groups of
+// `group_bytes` of text) and the tables brought up to date at the end of each index run.
+indexer::IndexOptions index_options_with_retrieval(indexer::IndexOptions options, std::size_t group_bytes = kRowGroupBytes);
 
 // Whether the index holds the retriever's tables, complete and of this revision.
 bool has_retrieval_tables(storage::Database& db);
