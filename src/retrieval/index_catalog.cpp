@@ -24,6 +24,15 @@ std::string_view stem_of(std::string_view name) {
     return dot == std::string_view::npos || dot == 0 ? name : name.substr(0, dot);
 }
 
+std::string bare_stem(std::string_view stem) {
+    while (!stem.empty() && stem.front() == '_') stem.remove_prefix(1);
+    std::string lowered(stem);
+    for (char& c : lowered) {
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    }
+    return lowered;
+}
+
 }  // namespace
 
 IndexCatalog::IndexCatalog(storage::Database& db) {
@@ -40,13 +49,24 @@ void IndexCatalog::build() {
         const auto parts = components(files_[i].path);
         if (parts.empty()) continue;
         by_name_[std::string(parts.back())].push_back(i);
-        if (files_[i].is_source) by_stem_[std::string(stem_of(parts.back()))].push_back(i);
+        if (files_[i].is_source) {
+            by_stem_[std::string(stem_of(parts.back()))].push_back(i);
+            by_bare_stem_[bare_stem(stem_of(parts.back()))].push_back(i);
+        }
     }
 }
 
 const CatalogFile* IndexCatalog::file(std::int64_t id) const {
     auto it = by_id_.find(id);
     return it == by_id_.end() ? nullptr : &files_[it->second];
+}
+
+std::vector<std::int64_t> IndexCatalog::files_named(std::string_view word) const {
+    std::vector<std::int64_t> found;
+    if (auto it = by_bare_stem_.find(bare_stem(word)); it != by_bare_stem_.end()) {
+        for (std::size_t index : it->second) found.push_back(files_[index].id);
+    }
+    return found;
 }
 
 std::vector<std::int64_t> IndexCatalog::match_path(std::string_view written) const {

@@ -17,13 +17,22 @@ constexpr std::size_t kMaxFileMatches = 4;
 // subject) is what the task is about; further down, names are often context: the code that
 // shows the problem, the calls around it. Mentions in the title count this many times more.
 constexpr double kTitleFactor = 1.75;
+// A capitalised word of the prose that is exactly a type's name: weaker than a name written as code.
+constexpr double kTypeWord = 0.5;
+// A word that is a source file's name, as a mention of that file: weaker still.
+constexpr double kFileWord = 0.15;
 
 struct NameMatch {
     std::int64_t id;
     std::int64_t file_id;
     std::string name;
     std::string fqn;
+    std::string kind;
 };
+
+bool is_type_kind(std::string_view kind) {
+    return kind == "class" || kind == "interface" || kind == "struct" || kind == "trait" || kind == "enum" || kind == "type";
+}
 
 std::vector<std::string> split_qualified(std::string_view dotted) {
     std::vector<std::string> parts;
@@ -63,7 +72,7 @@ public:
         : at_line_(db, "SELECT id FROM symbols WHERE file_id = ?1 AND start_line <= ?2 AND end_line >= ?2 "
                        "ORDER BY start_line DESC, id DESC LIMIT 1"),
           in_file_(db, "SELECT id FROM symbols WHERE file_id = ?1 AND name = ?2"),
-          by_name_(db, "SELECT id, file_id, name, fqn FROM symbols WHERE name = ?1 COLLATE NOCASE LIMIT 64") {}
+          by_name_(db, "SELECT id, file_id, name, fqn, kind FROM symbols WHERE name = ?1 COLLATE NOCASE LIMIT 64") {}
 
     std::optional<std::int64_t> at_line(std::int64_t file_id, std::int64_t line) {
         at_line_.bind(1, file_id).bind(2, line);
@@ -83,7 +92,8 @@ public:
         by_name_.bind(1, name);
         std::vector<NameMatch> found;
         while (by_name_.step()) {
-            found.push_back({by_name_.column_int64(0), by_name_.column_int64(1), by_name_.column_string(2), by_name_.column_string(3)});
+            found.push_back({by_name_.column_int64(0), by_name_.column_int64(1), by_name_.column_string(2), by_name_.column_string(3),
+                             by_name_.column_string(4)});
         }
         by_name_.reset();
         return found;
@@ -210,6 +220,34 @@ SignalScores MentionSignal::score(const RetrievalQuery& query, RetrievalContext&
         const double spread = std::sqrt(static_cast<double>(usable.size()));
         const double emphasis = in_title(name) ? kTitleFactor : 1.0;
         for (const NameMatch* match : usable) add_symbol(match->id, (match->name == name ? 0.8 * emphasis : 0.5) / spread);
+    }
+
+    // Capitalised words that are, exactly, the name of a type the index defines: prose names
+    // a class as a plain word ("the Response object"), where the tokenizer sees no identifier.
+    // Weaker than a name written as code.
+    for (const std::string& word : query.mentions.capitalised) {
+        if (std::find(query.names.begin(), query.names.end(), word) != query.names.end()) continue;
+        const auto matches = lookups.by_name(word);
+        std::vector<const NameMatch*> types;
+        for (const auto& match : matches) {
+            if (match.name == word && is_type_kind(match.kind) && usable_file(match.file_id)) types.push_back(&match);
+        }
+        if (types.empty() || types.size() > kMaxNameMatches) continue;
+        const double spread = std::sqrt(static_cast<double>(types.size()));
+        const double emphasis = in_title(word) ? kTitleFactor : 1.0;
+        for (const NameMatch* match : types) add_symbol(match->id, kTypeWord * emphasis / spread);
+    }
+
+    // Words that are a source file's name (without extension): "the compat shim" is about
+    // _compat.py. Weak, as such words are often plain English too.
+    for (const std::string& word : query.mentions.words) {
+        std::vector<std::int64_t> files;
+        for (std::int64_t id : context.catalog.files_named(word)) {
+            if (usable_file(id)) files.push_back(id);
+        }
+        if (files.empty() || files.size() > kMaxFileMatches) continue;
+        const double emphasis = in_title(word) ? kTitleFactor : 1.0;
+        for (std::int64_t id : files) add_file(id, kFileWord * emphasis);
     }
 
     // File paths and file names.

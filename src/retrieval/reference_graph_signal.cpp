@@ -47,10 +47,12 @@ SignalScores ReferenceGraphSignal::score(const RetrievalQuery&, RetrievalContext
     callees.bind_static(1, file_list).bind_static(2, seed_list).bind(3, kMaxEdges);
     while (callees.step()) neighbours[callees.column_int64(0)].insert(callees.column_int64(1));
 
-    // One step of a personalised PageRank: each seed hands its score out evenly.
+    // One step of a personalised PageRank: each seed hands its score out evenly. The restart
+    // distribution is the seeds' scores squared, so that the few strong hits decide where the
+    // walk goes rather than the many middling ones.
     std::unordered_map<std::int64_t, double> spread;
     for (const auto& [seed, around] : neighbours) {
-        const double share = seed_score[seed] / static_cast<double>(around.size());
+        const double share = seed_score[seed] * seed_score[seed] / static_cast<double>(around.size());
         for (std::int64_t neighbour : around) {
             if (neighbour != seed) spread[neighbour] += share;
         }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -137,6 +138,21 @@ RetrievalResult SqliteHybridRetriever::retrieve(const std::string& task, std::in
             adjusted *= 0.7;
         }
         ranked.push_back({adjusted, symbol});
+    }
+    // A file with several strong symbols is more likely the one a change touches than a file
+    // with one: each symbol gets a share of the mean of its file's next-best three.
+    {
+        std::unordered_map<std::int64_t, std::vector<double>> by_file;
+        for (const Ranked& r : ranked) by_file[r.symbol->file_id].push_back(r.score);
+        std::unordered_map<std::int64_t, double> support;
+        for (auto& [file, scores] : by_file) {
+            const std::size_t top = std::min<std::size_t>(scores.size(), kSupportingSymbols + 1);
+            std::partial_sort(scores.begin(), scores.begin() + static_cast<std::ptrdiff_t>(top), scores.end(), std::greater<>());
+            double sum = 0;
+            for (std::size_t i = 1; i < top; ++i) sum += scores[i];
+            support[file] = sum / static_cast<double>(kSupportingSymbols);
+        }
+        for (Ranked& r : ranked) r.score += kFileSupport * support[r.symbol->file_id];
     }
     std::sort(ranked.begin(), ranked.end(), [](const Ranked& a, const Ranked& b) {
         return a.score > b.score || (a.score == b.score && a.symbol->id < b.symbol->id);

@@ -398,6 +398,33 @@ bool is_source_extension(std::string_view extension) {
     return extensions.contains(lower);
 }
 
-TaskMentions parse_task_mentions(std::string_view task) { return MentionScanner().scan(task); }
+TaskMentions parse_task_mentions(std::string_view task) {
+    TaskMentions mentions = MentionScanner().scan(task);
+    // Capitalised words: runs of identifier characters that start with a capital letter and
+    // stand alone (not part of a path or a qualified name, which the scanner reads whole).
+    std::unordered_set<std::string_view> seen;
+    std::unordered_set<std::string_view> seen_words;
+    for (std::size_t i = 0; i < task.size();) {
+        if (!is_ident_char(task[i])) {
+            ++i;
+            continue;
+        }
+        const std::size_t start = i;
+        while (i < task.size() && is_ident_char(task[i])) ++i;
+        const std::string_view word = task.substr(start, i - start);
+        const bool joined = (start > 0 && (task[start - 1] == '.' || task[start - 1] == '/' || task[start - 1] == ':')) ||
+                            (i < task.size() && (task[i] == '.' || task[i] == '/' || task[i] == ':') && i + 1 < task.size() &&
+                             is_ident_char(task[i + 1]));
+        if (joined) continue;
+        if (word.size() >= 3 && word[0] >= 'A' && word[0] <= 'Z' && mentions.capitalised.size() < kMaxCapitalisedMentions &&
+            seen.insert(word).second) {
+            mentions.capitalised.emplace_back(word);
+        }
+        if (word.size() >= 4 && mentions.words.size() < kMaxWordMentions && seen_words.insert(word).second) {
+            mentions.words.emplace_back(word);
+        }
+    }
+    return mentions;
+}
 
 }  // namespace orvane_kestrix::retrieval

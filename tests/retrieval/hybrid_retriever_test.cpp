@@ -128,6 +128,8 @@ TEST_F(HybridRetrieverTest, TracesAndParaphrasesLeadToTheirSymbol) {
         {"docstring paraphrase", "the sum of the subtotals comes out without the tax in cents", "python.shop.cart.total_price"},
         {"docstring paraphrase", "adding decimal literals together gives a bad result", "parser.parse"},
         {"qualified name", "Cart.total should not round twice", "python.shop.cart.Cart.total"},
+        {"type named as a plain word", "Item prices look wrong in the summary", "python.shop.cart.Item"},
+        {"type named as a plain word", "Point equality ignores the last coordinate", "geometry.Point"},
     };
     for (const auto& c : cases) {
         const auto fqns = hit_fqns(c.task);

@@ -113,6 +113,25 @@ TEST(TaskMentions, FilesAndQualifiedNames) {
     }
 }
 
+TEST(TaskMentions, CapitalisedWordsStandingAlone) {
+    struct Case {
+        const char* text;
+        std::vector<std::string> capitalised;
+    };
+    const std::vector<Case> cases = {
+        {"Response objects lose their URL. Response again", {"Response", "URL"}},
+        // Parts of paths and qualified names are read whole elsewhere; short words are no names.
+        {"See src/Models/Cart.py and Cart.total; OK Go", {"See"}},
+        {"the Identity matrix, then `Matrix` and MatrixSymbol_2", {"Identity", "Matrix", "MatrixSymbol_2"}},
+    };
+    for (const auto& c : cases) EXPECT_EQ(parse_task_mentions(c.text).capitalised, c.capitalised) << c.text;
+}
+
+TEST(TaskMentions, WordsOfFourOrMoreCharactersOnceEach) {
+    EXPECT_EQ(parse_task_mentions("fix the compat shim; compat again in click/_compat.py and Rule.title").words,
+              (std::vector<std::string>{"compat", "shim", "again"}));
+}
+
 TEST(TaskMentions, ALongLogKeepsABoundedNumberOfFrames) {
     std::string log;
     for (int i = 0; i < 5000; ++i) log += "  File \"pkg/mod" + std::to_string(i) + ".py\", line " + std::to_string(i + 1) + ", in f\n";

@@ -32,6 +32,9 @@ public:
     // without an extension ("sympy/core/expr", from a dotted module name) also matches the
     // source files of that stem.
     std::vector<std::int64_t> match_path(std::string_view written) const;
+    // The source files whose name, without its extension and leading underscores, is `word`
+    // in any case: "compat" finds _compat.py, "rule" finds rule.py and Rule.java.
+    std::vector<std::int64_t> files_named(std::string_view word) const;
     std::size_t size() const { return files_.size(); }
 
 private:
@@ -41,6 +44,7 @@ private:
     std::unordered_map<std::int64_t, std::size_t> by_id_;
     std::unordered_map<std::string, std::vector<std::size_t>> by_name_;  // file name -> files
     std::unordered_map<std::string, std::vector<std::size_t>> by_stem_;  // file name without extension -> source files
+    std::unordered_map<std::string, std::vector<std::size_t>> by_bare_stem_;  // the same, lowercased, leading "_" removed
 };
 
 }  // namespace orvane_kestrix::retrieval

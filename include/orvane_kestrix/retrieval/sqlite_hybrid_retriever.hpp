@@ -10,7 +10,8 @@
 // Score adjustments before that order: test files rank only when the task is about tests, and
 // then below the code they test (kTestFileFactor); kinds that rarely hold the code a task
 // changes (variables, constants, fields, one-line properties) count kMinorKindFactor of their
-// score; longer definitions a little more (kLengthExponent); files outside the production code (documentation,
+// score; longer definitions a little more (kLengthExponent); a file's other strong symbols
+// lend each of its symbols a little (kFileSupport); files outside the production code (documentation,
 // examples, benchmarks, scripts, vendored code) kOutsideProductionFactor; a symbol whose pack
 // row would take most of a default budget (a long docstring) counts less, so that a cheaper
 // symbol of its file represents the file.
@@ -39,6 +40,10 @@ public:
     // A definition of n lines scores (n + 1)^kLengthExponent times more: a weak prior that
     // longer definitions hold the code a change touches.
     static constexpr double kLengthExponent = 0.1;
+    // Support of a file's other symbols: each symbol's score gains kFileSupport times the mean
+    // of the next-best kSupportingSymbols scores of its file.
+    static constexpr double kFileSupport = 0.15;
+    static constexpr std::size_t kSupportingSymbols = 3;
     // Documentation, examples, benchmarks, scripts, vendored code and build configuration.
     static constexpr double kOutsideProductionFactor = 0.3;
     // Files that should each have a row within a default pack (kAssumedBudget tokens, what

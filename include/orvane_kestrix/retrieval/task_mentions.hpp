@@ -36,12 +36,19 @@ struct TaskMentions {
     std::vector<TraceFrame> frames;     // in the order written
     std::vector<std::string> files;     // file paths and file names outside frames, each once
     std::vector<std::string> dotted;    // qualified names: Cls.method, pkg.mod.func, a::b (each once)
+    // Words written with a capital first letter (Response, URL, Identity), each once: prose
+    // names a type as a plain word, at the start of a sentence or in a title too.
+    std::vector<std::string> capitalised;
+    // Every word of four or more characters, as written, each once: matched against file names.
+    std::vector<std::string> words;
 };
 
 // The most frames, files and dotted names kept from one task.
 inline constexpr std::size_t kMaxFrames = 48;
 inline constexpr std::size_t kMaxFileMentions = 24;
 inline constexpr std::size_t kMaxDottedMentions = 24;
+inline constexpr std::size_t kMaxCapitalisedMentions = 32;
+inline constexpr std::size_t kMaxWordMentions = 64;
 
 TaskMentions parse_task_mentions(std::string_view task);
 
