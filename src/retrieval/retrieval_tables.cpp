@@ -43,7 +43,7 @@ constexpr std::size_t kMinFilesForClear = 64;
 
 constexpr const char* kTables = R"sql(
 CREATE VIRTUAL TABLE retrieval_symbol_text USING fts5(
-  name, qualified, signature, doc, body, tokenize = 'ascii', content = '', columnsize = 0);
+  name, qualified, signature, doc, body, tokenize = 'ascii', content = '', columnsize = 0, detail = column);
 CREATE VIRTUAL TABLE retrieval_file_text USING fts5(path, body, tokenize = 'ascii', content = '', columnsize = 0);
 INSERT INTO retrieval_symbol_text(retrieval_symbol_text, rank) VALUES ('hashsize', 33554432);
 INSERT INTO retrieval_file_text(retrieval_file_text, rank) VALUES ('hashsize', 33554432);

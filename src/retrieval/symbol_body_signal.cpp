@@ -83,17 +83,28 @@ std::vector<std::int64_t> leading_files(const RetrievalContext& context, const R
 
 }  // namespace
 
-// Each distinct identifier of the file once, and every occurrence, line by line, as an index
-// into them; valid while the file keeps its size and modification time.
+// A file's identifiers as the signal weighs them, valid while the file keeps its size and
+// modification time: its distinct search words, each distinct identifier once (as indexes into
+// those words, in the order for_each_search_word gives them, repeats included), every
+// occurrence line by line (as an index into the identifiers), and how many search words each
+// line holds. Splitting and stemming is most of the cost of weighing a file; done here once, a
+// task that comes back to the file only looks its words up.
 struct SymbolBodySignal::ScannedFile {
     std::uint64_t size = 0;
     std::int64_t mtime_ns = 0;
     std::uint64_t used = 0;  // the scan clock when a task last read it
-    std::vector<std::string> identifiers;
+    std::vector<std::string> words;
+    std::vector<std::uint32_t> identifier_words;
+    std::vector<std::size_t> words_begin;  // identifier i's words start at words_begin[i]; one past the last too
     std::vector<std::uint32_t> occurrences;
-    std::vector<std::size_t> line_begin;  // line n's occurrences start at line_begin[n - 1]; one past the last line too
+    std::vector<std::size_t> line_begin;    // line n's occurrences start at line_begin[n - 1]; one past the last line too
+    std::vector<std::int64_t> words_before;  // search words on the lines before line n, at n - 1; all of them last
 
     std::int64_t lines() const { return static_cast<std::int64_t>(line_begin.size()) - 1; }
+    std::int64_t words_on(std::int64_t line) const {
+        const auto at = static_cast<std::size_t>(line - 1);
+        return words_before[at + 1] - words_before[at];
+    }
 
     static ScannedFile scan(std::string_view text) {
         ScannedFile file;
@@ -119,7 +130,32 @@ struct SymbolBodySignal::ScannedFile {
             from = to;
         }
         file.line_begin.push_back(file.occurrences.size());
-        file.identifiers.assign(distinct.begin(), distinct.end());
+
+        std::unordered_map<std::string, std::uint32_t, text::StringHash, std::equal_to<>> word_index;
+        std::vector<std::uint32_t> word_count(distinct.size(), 0);
+        file.words_begin.reserve(distinct.size() + 1);
+        for (std::size_t i = 0; i < distinct.size(); ++i) {
+            file.words_begin.push_back(file.identifier_words.size());
+            for_each_search_word(distinct[i], [&](std::string_view word, bool) {
+                auto found = word_index.find(word);
+                if (found == word_index.end()) {
+                    found = word_index.emplace(std::string(word), static_cast<std::uint32_t>(file.words.size())).first;
+                    file.words.emplace_back(word);
+                }
+                file.identifier_words.push_back(found->second);
+            });
+        }
+        file.words_begin.push_back(file.identifier_words.size());
+
+        file.words_before.reserve(file.line_begin.size());
+        file.words_before.push_back(0);
+        for (std::size_t line = 0; line + 1 < file.line_begin.size(); ++line) {
+            std::int64_t on_line = 0;
+            for (std::size_t k = file.line_begin[line]; k < file.line_begin[line + 1]; ++k) {
+                on_line += static_cast<std::int64_t>(file.words_begin[file.occurrences[k] + 1] - file.words_begin[file.occurrences[k]]);
+            }
+            file.words_before.push_back(file.words_before.back() + on_line);
+        }
         return file;
     }
 };
@@ -203,9 +239,23 @@ SignalScores SymbolBodySignal::score(const RetrievalQuery& query, RetrievalConte
         const FileReadResult read = read_regular_file(*root_, entry->path, text, kMaxFileBytes);
         if (read.status != FileReadStatus::ok || static_cast<std::int64_t>(text.size()) != indexed_size[file_id]) continue;
         const ScannedFile& scanned = scanned_file(entry->path, text, read);
-        // What each distinct identifier of the file holds of the task's words.
-        std::vector<const IdentifierWords*> words_of(scanned.identifiers.size());
-        for (std::size_t i = 0; i < scanned.identifiers.size(); ++i) words_of[i] = &memo.words_of(scanned.identifiers[i]);
+        // Which of the task's words each distinct identifier of the file holds (repeats kept).
+        std::vector<std::int32_t> term_of_word(scanned.words.size(), -1);
+        for (std::size_t w = 0; w < scanned.words.size(); ++w) {
+            if (auto term = term_index.find(scanned.words[w]); term != term_index.end()) term_of_word[w] = static_cast<std::int32_t>(term->second);
+        }
+        std::vector<std::uint32_t> identifier_terms;
+        std::vector<std::size_t> terms_begin;
+        terms_begin.reserve(scanned.words_begin.size());
+        for (std::size_t i = 0; i + 1 < scanned.words_begin.size(); ++i) {
+            terms_begin.push_back(identifier_terms.size());
+            for (std::size_t k = scanned.words_begin[i]; k < scanned.words_begin[i + 1]; ++k) {
+                if (const std::int32_t term = term_of_word[scanned.identifier_words[k]]; term >= 0) {
+                    identifier_terms.push_back(static_cast<std::uint32_t>(term));
+                }
+            }
+        }
+        terms_begin.push_back(identifier_terms.size());
         const std::int64_t line_count = scanned.lines();
         std::vector<BodySymbol>& symbols = found->second;
         for (BodySymbol& symbol : symbols) {
@@ -219,10 +269,6 @@ SignalScores SymbolBodySignal::score(const RetrievalQuery& query, RetrievalConte
                     }
                 }
             }
-            auto count = [&](const IdentifierWords& words) {
-                symbol.length += words.words;
-                for (std::uint32_t term : words.terms) ++symbol.counts[term];
-            };
             const std::int64_t last = std::min(symbol.end_line, line_count);
             for (std::int64_t line = symbol.start_line; line <= last;) {
                 auto inside = std::find_if(members.begin(), members.end(),
@@ -231,10 +277,18 @@ SignalScores SymbolBodySignal::score(const RetrievalQuery& query, RetrievalConte
                     line = inside->second + 1;
                     continue;
                 }
+                symbol.length += scanned.words_on(line);
                 const auto at = static_cast<std::size_t>(line - 1);
-                for (std::size_t k = scanned.line_begin[at]; k < scanned.line_begin[at + 1]; ++k) count(*words_of[scanned.occurrences[k]]);
+                for (std::size_t k = scanned.line_begin[at]; k < scanned.line_begin[at + 1]; ++k) {
+                    const std::uint32_t identifier = scanned.occurrences[k];
+                    for (std::size_t t = terms_begin[identifier]; t < terms_begin[identifier + 1]; ++t) ++symbol.counts[identifier_terms[t]];
+                }
                 ++line;
             }
+            auto count = [&](const IdentifierWords& words) {
+                symbol.length += words.words;
+                for (std::uint32_t term : words.terms) ++symbol.counts[term];
+            };
             struct NameSink {
                 IdentifierMemo& memo;
                 decltype(count)& add;

@@ -16,7 +16,7 @@ constexpr std::size_t kFocusFiles = 8;
 
 // Column weights: name, qualified name, signature, docstring, body. A word of the name says
 // most about a symbol; the body's words are many and each says little.
-#define KESTRIX_SYMBOL_BM25 "term_bm25(retrieval_symbol_text, ?4, 10.0, 3.0, 2.0, 2.0, 1.0)"
+#define KESTRIX_SYMBOL_BM25 "column_bm25(retrieval_symbol_text, ?4, 10.0, 3.0, 2.0, 2.0, 1.0)"
 
 }  // namespace
 

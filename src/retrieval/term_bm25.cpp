@@ -54,9 +54,12 @@ QueryData* query_data(const Fts5ExtensionApi* api, Fts5Context* fts, sqlite3_con
     return data;
 }
 
+// `pUserData` says how a phrase's frequency in a row is counted: null, every occurrence (the
+// table keeps positions); otherwise once per column that holds it.
 void term_bm25(const Fts5ExtensionApi* api, Fts5Context* fts, sqlite3_context* context, int argc, sqlite3_value** argv) {
     const QueryData* data = query_data(api, fts, context, argc, argv);
     if (data == nullptr) return;
+    const bool by_column = api->xUserData(fts) != nullptr;
     const double length = row_length_of_rowid(api->xRowid(fts));
     const double norm = kK1 * (1 - kB + kB * length / data->average_length);
     double score = 0;
@@ -65,9 +68,16 @@ void term_bm25(const Fts5ExtensionApi* api, Fts5Context* fts, sqlite3_context* c
         int column = 0;
         int offset = 0;
         double frequency = 0;
-        for (api->xPhraseFirst(fts, static_cast<int>(i), &it, &column, &offset); column >= 0;
-             api->xPhraseNext(fts, &it, &column, &offset)) {
-            frequency += data->weight[static_cast<std::size_t>(column)];
+        if (by_column) {
+            for (api->xPhraseFirstColumn(fts, static_cast<int>(i), &it, &column); column >= 0;
+                 api->xPhraseNextColumn(fts, &it, &column)) {
+                frequency += data->weight[static_cast<std::size_t>(column)];
+            }
+        } else {
+            for (api->xPhraseFirst(fts, static_cast<int>(i), &it, &column, &offset); column >= 0;
+                 api->xPhraseNext(fts, &it, &column, &offset)) {
+                frequency += data->weight[static_cast<std::size_t>(column)];
+            }
         }
         // Grouped as bm25() groups it, so that both round alike.
         if (frequency > 0) score += data->idf[i] * ((frequency * (kK1 + 1.0)) / (frequency + norm));
@@ -110,8 +120,10 @@ double row_length_of_rowid(std::int64_t rowid) {
 void register_term_bm25(storage::Database& db) {
     fts5_api* api = fts5_of(db.handle());
     if (api == nullptr) throw storage::SqliteError(SQLITE_ERROR, "this SQLite has no FTS5");
-    if (api->xCreateFunction(api, "term_bm25", nullptr, term_bm25, nullptr) != SQLITE_OK) {
-        throw storage::SqliteError(SQLITE_ERROR, "cannot register term_bm25()");
+    static int by_column = 1;
+    if (api->xCreateFunction(api, "term_bm25", nullptr, term_bm25, nullptr) != SQLITE_OK ||
+        api->xCreateFunction(api, "column_bm25", &by_column, term_bm25, nullptr) != SQLITE_OK) {
+        throw storage::SqliteError(SQLITE_ERROR, "cannot register term_bm25() and column_bm25()");
     }
 }
 

@@ -1,6 +1,7 @@
 // term_bm25() against FTS5's own bm25() on a table that keeps its size records: the same score
 // for rows under 64 tokens, within the rounding of the length for longer ones, for queries of
-// one and of many words, with and without column weights; and the rowid's two halves.
+// one and of many words, with and without column weights; column_bm25() on a table without
+// positions against term_bm25() on one with them; and the rowid's two halves.
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -99,6 +100,47 @@ TEST(TermBm25, ScoresAsFts5Bm25Does) {
         }
         EXPECT_GT(matched, 0) << match;
     }
+}
+
+TEST(TermBm25, ColumnBm25WithoutPositionsScoresAsTermBm25WithThem) {
+    storage::Database db(":memory:", SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
+    db.exec("CREATE VIRTUAL TABLE full_rows USING fts5(name, doc, body, tokenize = 'ascii', content = '', columnsize = 0);"
+            "CREATE VIRTUAL TABLE column_rows USING fts5(name, doc, body, tokenize = 'ascii', content = '', columnsize = 0, "
+            "detail = column)");
+    retrieval::register_term_bm25(db);
+    // Each word once per column, as the symbols' rows hold them; a word may be in several columns.
+    const std::vector<std::vector<std::string>> rows = {
+        {"cart total", "the cart total with tax", "price total discount cart"},
+        {"apply voucher", "takes a voucher off", "voucher code total"},
+        {"render", "", "template escape html render"},
+        {"total", "total", "total"},
+    };
+    for (const char* table : {"full_rows", "column_rows"}) {
+        storage::Statement insert(db, std::string("INSERT INTO ") + table + "(rowid, name, doc, body) VALUES (?, ?, ?, ?)");
+        for (std::size_t i = 0; i < rows.size(); ++i) {
+            std::int64_t tokens = 0;
+            for (const auto& column : rows[i]) {
+                std::istringstream words(column);
+                for (std::string word; words >> word;) ++tokens;
+            }
+            insert.bind(1, text_rowid(static_cast<std::int64_t>(i) + 1, tokens)).bind(2, rows[i][0]).bind(3, rows[i][1]).bind(4, rows[i][2]);
+            insert.run();
+        }
+    }
+    const std::string match = "(\"total\" OR \"voucher\" OR \"render\")";
+    const std::string counts = "3 1 1";
+    std::map<std::int64_t, double> with_positions;
+    storage::Statement full(db, "SELECT rowid, term_bm25(full_rows, ?2, 10.0, 2.0, 1.0) FROM full_rows WHERE full_rows MATCH ?1");
+    full.bind(1, match).bind(2, counts);
+    while (full.step()) with_positions[full.column_int64(0)] = full.column_double(1);
+    storage::Statement by_column(db, "SELECT rowid, column_bm25(column_rows, ?2, 10.0, 2.0, 1.0) FROM column_rows WHERE column_rows MATCH ?1");
+    by_column.bind(1, match).bind(2, counts);
+    std::size_t matched = 0;
+    while (by_column.step()) {
+        ++matched;
+        EXPECT_EQ(by_column.column_double(1), with_positions.at(by_column.column_int64(0))) << by_column.column_int64(0);
+    }
+    EXPECT_EQ(matched, rows.size());
 }
 
 }  // namespace

@@ -4,9 +4,10 @@
 // to this module alone: an index written before them simply lacks them until its next
 // `kestrix index` run, and readers cope with their absence.
 //
-//   retrieval_symbol_text: FTS5, contentless, without size records; one row per symbol of a
-//       source file, rowid = symbols.id above the row's length (term_bm25.hpp, whose ranking
-//       reads it there), negated for a symbol of a test file (a search that leaves tests out
+//   retrieval_symbol_text: FTS5, contentless, without size records or positions (each word
+//       is once per column, so column_bm25() ranks it as term_bm25() would with positions, for
+//       a third less space); one row per symbol of a source file, rowid = symbols.id above the
+//       row's length (term_bm25.hpp, whose ranking reads it there), negated for a symbol of a test file (a search that leaves tests out
 //       reads only the positive rowids, a range FTS5 seeks to). Columns of search words
 //       (search_words.hpp), each word once per column: name (split and whole), qualified (the
 //       fully qualified name), signature, doc (docstring), body (the
@@ -47,7 +48,7 @@
 namespace orvane_kestrix::retrieval {
 
 inline constexpr const char* kRetrievalRevisionKey = "retrieval_revision";
-inline constexpr const char* kRetrievalRevision = "9";
+inline constexpr const char* kRetrievalRevision = "10";
 // The condition a search of either full-text table adds to leave test files' rows out.
 inline constexpr const char* kOutsideTests = " AND rowid > 0";
 

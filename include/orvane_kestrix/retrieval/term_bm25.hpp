@@ -14,6 +14,11 @@
 //
 // 'n1 n2 ...' are the rows holding each phrase of the MATCH expression, in its order; w1, ... the
 // column weights (1 when left out). Like bm25(), it returns the score negated (lower is better).
+//
+//   column_bm25(table, 'n1 n2 ...', w1, w2, ...)
+//
+// The same for a table that keeps no positions (detail = column): a phrase counts once in each
+// column that holds it, as term_bm25() counts it when no column repeats a word.
 
 #include <cstdint>
 
@@ -31,7 +36,8 @@ std::int64_t text_rowid(std::int64_t id, std::int64_t tokens);
 inline std::int64_t id_of_rowid(std::int64_t rowid) { return (rowid < 0 ? -rowid : rowid) >> kLengthBits; }
 double row_length_of_rowid(std::int64_t rowid);
 
-// Makes term_bm25() available on `db`'s connection; calling it again does nothing more.
+// Makes term_bm25() and column_bm25() available on `db`'s connection; calling it again does
+// nothing more.
 void register_term_bm25(storage::Database& db);
 
 }  // namespace orvane_kestrix::retrieval
