@@ -1,8 +1,10 @@
 #include <algorithm>
+#include <unordered_set>
 
 #include "orvane_kestrix/retrieval/retrieval_tables.hpp"
 #include "orvane_kestrix/retrieval/signals.hpp"
 #include "orvane_kestrix/retrieval/term_bm25.hpp"
+#include "orvane_kestrix/storage/repository_fan_in.hpp"
 
 namespace orvane_kestrix::retrieval {
 
@@ -36,32 +38,63 @@ SignalScores SymbolTextSignal::score(const RetrievalQuery& query, RetrievalConte
 
     // BM25 needs every matching row scored before the best are known, so reading further down
     // the ranking costs little: the leading symbols of the whole index are kept, and further
-    // down, those of the focus files. The ranking is cut before the join, which then reads only
-    // the rows kept (on a large index, a symbol row looked up for every match cost more than
-    // the search); rows of symbols gone from the index drop out in the join, and the cut reads
-    // a quarter further to leave room for them.
+    // down, those of the focus files. The ranking is read without a join (on a large index a
+    // symbol row looked up for every match cost more than the search): only the leading rows
+    // are checked against the symbols table, where rows of symbols gone from the index drop
+    // out, and further down a row counts only when it is one of the focus files' symbols.
     // A row's rowid is its symbol's id above its length, negated for a test file's symbol
     // (retrieval_tables.hpp).
-    const std::string sql = std::string("SELECT r.id, t.relevance, r.file_id FROM (SELECT rowid AS id, -" KESTRIX_SYMBOL_BM25
-                                        " AS relevance FROM retrieval_symbol_text WHERE retrieval_symbol_text MATCH ?1") +
-                            (query.include_tests ? "" : kOutsideTests) +
-                            " ORDER BY relevance DESC LIMIT ?3) AS t CROSS JOIN symbols AS r ON r.id = abs(t.id) >> " +
-                            std::to_string(kLengthBits) + " "
-                            "ORDER BY t.relevance DESC LIMIT ?2";
-    storage::Statement ranked(context.db, sql);
-    ranked.bind_static(1, query.symbol_match).bind(2, kDepth).bind(3, kDepth + kDepth / 4).bind_static(4, query.symbol_term_rows);
+    const std::string sql = std::string("SELECT rowid, -" KESTRIX_SYMBOL_BM25 " AS relevance FROM retrieval_symbol_text "
+                                        "WHERE retrieval_symbol_text MATCH ?1") +
+                            (query.include_tests ? "" : kOutsideTests) + " ORDER BY relevance DESC LIMIT ?2";
+    storage::Statement ranking(context.db, sql);
+    ranking.bind_static(1, query.symbol_match).bind(2, kDepth).bind_static(4, query.symbol_term_rows);
+    std::vector<std::pair<std::int64_t, double>> rows;
+    while (ranking.step()) rows.emplace_back(id_of_rowid(ranking.column_int64(0)), ranking.column_double(1));
+    if (rows.empty()) return out;
+
+    // The symbols of the focus files, by id.
+    std::unordered_map<std::int64_t, std::int64_t> focus_symbols;
+    if (!focus.empty()) {
+        std::vector<std::int64_t> focus_files;
+        for (const auto& [file, taken] : focus) focus_files.push_back(file);
+        storage::Statement in_focus(context.db, "SELECT s.id, s.file_id FROM json_each(?1) AS j CROSS JOIN symbols AS s ON s.file_id = j.value");
+        in_focus.bind(1, storage::json_array(focus_files));
+        while (in_focus.step()) focus_symbols.emplace(in_focus.column_int64(0), in_focus.column_int64(1));
+    }
+
+    // Which of the leading rows' symbols still exist, checked a batch at a time until
+    // kSymbols of them are known to.
+    storage::Statement existing(context.db, "SELECT s.id FROM json_each(?1) AS j CROSS JOIN symbols AS s ON s.id = j.value");
+    std::unordered_set<std::int64_t> live;
+    std::size_t checked = 0;
+    auto check_more = [&] {
+        const std::size_t until = std::min(rows.size(), checked + kSymbols + kSymbols / 4);
+        std::vector<std::int64_t> ids;
+        for (std::size_t i = checked; i < until; ++i) ids.push_back(rows[i].first);
+        checked = until;
+        existing.bind(1, storage::json_array(ids));
+        while (existing.step()) live.insert(existing.column_int64(0));
+        existing.reset();
+    };
+
     double best = 0;
-    int row = 0;
-    while (ranked.step()) {
-        const double relevance = ranked.column_double(1);
-        if (row++ == 0) best = relevance;
-        if (best <= 0) break;
-        if (row > kSymbols) {
-            auto it = focus.find(ranked.column_int64(2));
-            if (it == focus.end() || it->second >= kFocusSymbolsPerFile) continue;
-            ++it->second;
+    int leading = 0;
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        const auto [id, relevance] = rows[i];
+        if (leading < kSymbols) {
+            if (i >= checked) check_more();
+            if (!live.contains(id)) continue;
+            if (leading++ == 0) best = relevance;
+            if (best <= 0) break;
+        } else {
+            auto symbol = focus_symbols.find(id);
+            if (symbol == focus_symbols.end()) continue;
+            int& taken = focus[symbol->second];
+            if (taken >= kFocusSymbolsPerFile) continue;
+            ++taken;
         }
-        out.symbols[ranked.column_int64(0)] = relevance / best;
+        out.symbols[id] = relevance / best;
     }
     return out;
 }
