@@ -46,12 +46,20 @@ SignalScores SymbolTextSignal::score(const RetrievalQuery& query, RetrievalConte
     // (retrieval_tables.hpp).
     const std::string sql = std::string("SELECT rowid, -" KESTRIX_SYMBOL_BM25 " AS relevance FROM retrieval_symbol_text "
                                         "WHERE retrieval_symbol_text MATCH ?1") +
-                            (query.include_tests ? "" : kOutsideTests) + " ORDER BY relevance DESC LIMIT ?2";
+                            (query.include_tests ? "" : kOutsideTests);
     storage::Statement ranking(context.db, sql);
-    ranking.bind_static(1, query.symbol_match).bind(2, kDepth).bind_static(4, query.symbol_term_rows);
+    ranking.bind_static(1, query.symbol_match).bind_static(4, query.symbol_term_rows);
+    // Every match scored, the best kDepth kept (SQLite's sorter would encode a record for each).
     std::vector<std::pair<std::int64_t, double>> rows;
-    while (ranking.step()) rows.emplace_back(id_of_rowid(ranking.column_int64(0)), ranking.column_double(1));
+    while (ranking.step()) rows.emplace_back(ranking.column_int64(0), ranking.column_double(1));
     if (rows.empty()) return out;
+    auto better = [](const auto& a, const auto& b) { return a.second > b.second || (a.second == b.second && a.first < b.first); };
+    if (rows.size() > static_cast<std::size_t>(kDepth)) {
+        std::nth_element(rows.begin(), rows.begin() + kDepth, rows.end(), better);
+        rows.resize(kDepth);
+    }
+    std::sort(rows.begin(), rows.end(), better);
+    for (auto& row : rows) row.first = id_of_rowid(row.first);
 
     // The symbols of the focus files, by id.
     std::unordered_map<std::int64_t, std::int64_t> focus_symbols;
