@@ -1,6 +1,8 @@
 #include "orvane_kestrix/indexer/index_builder.hpp"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -289,6 +291,42 @@ std::string utc_now() {
 }
 
 // One run of IndexBuilder: its phases in order, and what each hands on to the next.
+// stat() of the files under a root, listed in path order: the files of one directory are
+// looked up from that directory's descriptor, so the kernel resolves each directory once
+// instead of every path from the root (a tenth of a no-op refresh of a large tree).
+class DirectoryStat {
+public:
+    explicit DirectoryStat(const fs::path& root) : root_(root) {}
+    ~DirectoryStat() { close_directory(); }
+    DirectoryStat(const DirectoryStat&) = delete;
+    DirectoryStat& operator=(const DirectoryStat&) = delete;
+
+    // Follows links like stat(); false with errno set when the file cannot be looked up.
+    bool operator()(const std::string& relative, struct stat& st) {
+        const auto slash = relative.rfind('/');
+        const std::string_view directory = slash == std::string::npos ? std::string_view() : std::string_view(relative).substr(0, slash);
+        if (fd_ < 0 || directory != directory_) {
+            close_directory();
+            directory_ = directory;
+            const fs::path path = directory.empty() ? root_ : root_ / directory_;
+            fd_ = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        }
+        if (fd_ < 0) return ::stat((root_ / relative).c_str(), &st) == 0;
+        const char* name = relative.c_str() + (slash == std::string::npos ? 0 : slash + 1);
+        return ::fstatat(fd_, name, &st, 0) == 0;
+    }
+
+private:
+    void close_directory() {
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = -1;
+    }
+
+    fs::path root_;
+    std::string directory_;
+    int fd_ = -1;
+};
+
 class IndexRun {
 public:
     explicit IndexRun(const IndexOptions& options)
@@ -457,10 +495,12 @@ private:
     // Files whose size and modification time match the index are not read again.
     void find_changed_files() {
         std::vector<std::uint64_t> size_of(candidates_.size(), 0);
+        kept_.reserve(stored_.size());
+        DirectoryStat stat_of(root_);
         for (std::size_t i = 0; i < candidates_.size(); ++i) {
             const Candidate& candidate = candidates_[i];
             struct stat st {};
-            if (stat((root_ / candidate.facts.path).c_str(), &st) != 0) {
+            if (!stat_of(candidate.facts.path, st)) {
                 ++stats_.skipped[errno == ENOENT ? "missing" : "unreadable"];
                 continue;
             }
@@ -472,7 +512,7 @@ private:
             if (!reparse_all_ && !recheck_unchanged_ && old != nullptr && old->mtime_ns != -1 && old->mtime_ns == mtime_of(st) &&
                 old->size == static_cast<std::int64_t>(st.st_size) && old->language == language_name(candidate.facts.language)) {
                 ++stats_.unchanged;
-                kept_.insert(candidate.facts.path);
+                kept_.insert(old->id);
                 if (facts_differ(*old, candidate.facts)) facts_changed_.push_back(i);
                 continue;
             }
@@ -561,7 +601,7 @@ private:
                 break;
             case WorkResult::Kind::same_content:
                 ++stats_.unchanged;
-                kept_.insert(candidate.facts.path);
+                if (candidate.stored != nullptr) kept_.insert(candidate.stored->id);
                 begin_batch();
                 store_->update_stat(candidate.stored->id, result.size, result.mtime_ns);
                 if (facts_differ(*candidate.stored, candidate.facts)) {
@@ -573,7 +613,7 @@ private:
                 break;
             case WorkResult::Kind::parsed:
                 ++stats_.parsed;
-                kept_.insert(candidate.facts.path);
+                if (candidate.stored != nullptr) kept_.insert(candidate.stored->id);
                 mark_stale();
                 note_change(candidate);
                 {
@@ -632,7 +672,7 @@ private:
     void remove_gone_files() {
         std::vector<std::int64_t> gone;
         for (const auto& [path, file] : stored_) {
-            if (kept_.count(path) == 0) gone.push_back(file.id);
+            if (!kept_.contains(file.id)) gone.push_back(file.id);
         }
         if (!gone.empty() || !facts_changed_.empty()) {
             if (!facts_changed_.empty() || (incremental_ && incremental_->changed_files() + gone.size() > incremental_limit())) {
@@ -787,7 +827,7 @@ private:
     std::vector<Candidate> candidates_;
     std::vector<std::size_t> to_read_;        // candidates to read, largest first
     std::vector<std::size_t> facts_changed_;  // unchanged candidates whose facts changed
-    std::unordered_set<std::string> kept_;    // paths that stay in the index
+    std::unordered_set<std::int64_t> kept_;    // ids of the indexed files that stay in the index
     std::uint64_t bytes_to_read_ = 0;
 
     // parse_and_write

@@ -88,11 +88,15 @@ struct SymbolRow {
     std::int64_t tokens = 0;  // in all columns, as the table's tokenizer counts them
 };
 
-struct FileJob {
+// A source file of the index, as its rows are made from it.
+struct SourceFile {
     std::int64_t id = 0;
     std::string path;
     std::string content_hash;
     bool is_test = false;
+};
+
+struct FileJob : SourceFile {
     std::vector<SymbolFacts> symbols;
     // Filled by the workers.
     std::string path_words;
@@ -633,7 +637,9 @@ RetrievalRefreshStats refresh_retrieval_tables(Database& db, const fs::path& roo
         Statement q(db, "SELECT file_id, content_hash, is_test, symbol_rows FROM retrieval_file_state");
         while (q.step()) state[q.column_int64(0)] = {q.column_string(1), q.column_int64(2) != 0, q.column_int64(3)};
     }
-    std::vector<FileJob> all_files;
+    // Every source file, in brief; a FileJob is made only for the files to describe (a no-op
+    // refresh of a large tree would otherwise allocate one for each of its files).
+    std::vector<SourceFile> all_files;
     std::vector<std::size_t> to_describe;
     std::vector<std::int64_t> to_forget;  // state rows to delete
     std::int64_t stale = meta_int(db, kStaleRowsKey);
@@ -642,7 +648,7 @@ RetrievalRefreshStats refresh_retrieval_tables(Database& db, const fs::path& roo
     {
         Statement q(db, "SELECT id, path, content_hash, is_test FROM files WHERE is_source = 1 ORDER BY id");
         while (q.step()) {
-            FileJob job;
+            SourceFile job;
             job.id = q.column_int64(0);
             job.path = q.column_string(1);
             job.content_hash = q.column_string(2);
@@ -690,7 +696,9 @@ RetrievalRefreshStats refresh_retrieval_tables(Database& db, const fs::path& roo
 
     std::vector<FileJob> jobs_to_run;
     jobs_to_run.reserve(to_describe.size());
-    for (std::size_t index : to_describe) jobs_to_run.push_back(std::move(all_files[index]));
+    for (std::size_t index : to_describe) {
+        static_cast<SourceFile&>(jobs_to_run.emplace_back()) = std::move(all_files[index]);
+    }
     if (!jobs_to_run.empty()) {
         const std::size_t written = write_rows(db, root, jobs_to_run, jobs);
         stats.described += static_cast<std::int64_t>(written);

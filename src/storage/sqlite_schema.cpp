@@ -582,9 +582,10 @@ void publish_index(Database db, const std::filesystem::path& target) {
     const std::filesystem::path built = db.path();
     db.exec("PRAGMA journal_mode = WAL");
     db.close();
-    // Nothing was synced while the file filled; when it takes the place of an index, it
-    // reaches the disk first.
-    if (std::filesystem::exists(target)) {
+    // Nothing was synced while the file filled: it reaches the disk before it takes its name,
+    // so that a crash never leaves a named index with pages missing, and the build pays for
+    // its own writes rather than the next refresh's first checkpoint.
+    {
         const int fd = ::open(built.c_str(), O_RDONLY | O_CLOEXEC);
         if (fd < 0 || ::fsync(fd) != 0) {
             const int error = errno;
