@@ -76,7 +76,7 @@ CREATE INDEX symbols_by_fqn ON symbols(fqn);
 CREATE INDEX symbols_by_name ON symbols(name COLLATE NOCASE);
 
 CREATE VIRTUAL TABLE symbol_names USING fts5(
-  name, content='symbols', content_rowid='id', tokenize='trigram', detail='none');
+  name, content='symbols', content_rowid='id', tokenize='trigram', detail='none', columnsize=0);
 
 CREATE TABLE refs(
   id INTEGER PRIMARY KEY,
