@@ -271,10 +271,10 @@ void remove_index_files(const std::filesystem::path& path);
 
 // Turns an index opened `unpublished` into an ordinary one (WAL), closes it and renames it
 // over `target` in one step: readers see the old index or the new one, never a part. The target's
-// own -wal and -shm companions go first, so they are never applied to the new file. When it
-// replaces an index, the new file is flushed to disk first, so a crash cannot trade a good
-// index for a torn one; a first index is not (a crash costs at most a rebuild, as with any
-// file written without a sync, and the flush is a tenth of a second on a large repository).
+// own -wal and -shm companions go first, so they are never applied to the new file. The new
+// file is flushed to disk first, so a crash can neither trade a good index for a torn one nor
+// leave a torn first index under the index's name, and the build pays for its own writes
+// (otherwise the first refresh's checkpoint did: 0.6 s on a kernel-sized tree).
 void publish_index(Database db, const std::filesystem::path& target);
 
 // Copies the write-ahead log into the index file and truncates it, unless a reader still
