@@ -22,6 +22,7 @@
 #include "orvane_kestrix/postgres/postgres_repository.hpp"
 #include "orvane_kestrix/storage/sqlite_repository.hpp"
 #include "orvane_kestrix/storage/sqlite_schema.hpp"
+#include "support/index_tree.hpp"
 #include "support/postgres_server.hpp"
 #include "support/scratch_dir.hpp"
 
@@ -38,15 +39,6 @@ fs::path make_temp_dir() {
     char pattern[] = "/tmp/kestrix-contract-XXXXXX";
     if (mkdtemp(pattern) == nullptr) throw std::runtime_error("mkdtemp failed");
     return pattern;
-}
-
-void index_into(const fs::path& repo, const fs::path& db) {
-    indexer::IndexOptions options;
-    options.repo = repo;
-    options.db = db;
-    options.use_git = false;
-    options.jobs = 2;
-    indexer::IndexBuilder(options).run();
 }
 
 // The repository of the SQLite index at `index` on `backend`: the file itself, or what
@@ -80,7 +72,7 @@ protected:
     // One index of the sample for the whole binary, and each backend's repository over it.
     static void SetUpTestSuite() {
         dir_ = new kestrix_test::ScratchDir("contract");
-        index_into(kSample, index_path());
+        kestrix_test::index_tree(kSample, index_path(), /*retrieval_tables=*/false);
         sqlite_ = new SqliteRepository(index_path());
     }
     static void TearDownTestSuite() {
@@ -417,7 +409,7 @@ TEST_P(RepositoryContract, NonAsciiLettersCompareExactly) {
     fs::create_directories(dir / "repo");
     std::ofstream(dir / "repo" / "mod.py") << "def größe_messen():\n    pass\n\n\ndef GRÖßE_MESSEN():\n    pass\n\n\n"
                                                "def Größe_Messen():\n    pass\n";
-    index_into(dir / "repo", dir / "index.db");
+    kestrix_test::index_tree(dir / "repo", dir / "index.db", /*retrieval_tables=*/false);
     {
         const std::unique_ptr<Repository> repository = open_backend(GetParam(), dir / "index.db", "unicode/names");
         Repository& repo = *repository;
@@ -463,7 +455,7 @@ TEST_P(RepositoryContract, TextOfAnyKindReadsBackUnchanged) {
            "    return tab_and_slash('\\\\t\\\\N\t\\\\\\\\\r')\n";
     std::ofstream(dir.path() / "repo" / odd_dir / "test_m\\N, \"q\" {b}.py")
         << "from m import tab_and_slash\n\n\ndef test_it():\n    assert tab_and_slash(1) == 1\n";
-    index_into(dir.path() / "repo", dir.path() / "index.db");
+    kestrix_test::index_tree(dir.path() / "repo", dir.path() / "index.db", /*retrieval_tables=*/false);
     SqliteRepository reference(dir.path() / "index.db");
     const std::unique_ptr<Repository> repository = open_backend(GetParam(), dir.path() / "index.db", "text/odd");
     Repository& repo = *repository;

@@ -22,6 +22,7 @@
 #include "orvane_kestrix/postgres/postgres_schema.hpp"
 #include "orvane_kestrix/service/errors.hpp"
 #include "orvane_kestrix/service/workspace.hpp"
+#include "support/index_tree.hpp"
 #include "support/kestrix_tool.hpp"
 #include "support/postgres_server.hpp"
 #include "support/scratch_dir.hpp"
@@ -38,15 +39,6 @@ const std::string kSample = (fs::path(KESTRIX_TEST_DATA) / "sample_repo").string
 std::string describe(const ToolRun& run) { return "exit " + std::to_string(run.status) + "\nstderr: " + run.err; }
 
 bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
-void index_into(const fs::path& repo, const fs::path& db) {
-    indexer::IndexOptions options;
-    options.repo = repo;
-    options.db = db;
-    options.use_git = false;
-    options.jobs = 2;
-    indexer::IndexBuilder(options).run();
-}
 
 TEST(ServerIndex, PacksWithoutTheRetrieverAreTheSqlitePacksByteForByte) {
     kestrix_test::ScratchDir scratch("server-packs");
@@ -216,8 +208,8 @@ TEST(ServerIndex, ReadersDuringPublishesSeeTheStateBeforeOrAfterNeverAMix) {
     const TwoStates states = write_two_states(scratch.path());
     const fs::path before_index = scratch.path() / "before.db";
     const fs::path after_index = scratch.path() / "after.db";
-    index_into(states.before, before_index);
-    index_into(states.after, after_index);
+    kestrix_test::index_tree(states.before, before_index, /*retrieval_tables=*/false);
+    kestrix_test::index_tree(states.after, after_index, /*retrieval_tables=*/false);
     const std::vector<std::string> tasks = {"total_price of the cart", "tax_of a price", "apply_discount to a Cart"};
 
     // The packs of each state, read from its SQLite file.
@@ -282,8 +274,8 @@ TEST(ServerIndex, RepositoriesOfOneDatabaseAreApart) {
     kestrix_test::ScratchDir scratch("server-many");
     const std::string url = kestrix_test::PostgresServer::shared().create_database("many");
     const TwoStates states = write_two_states(scratch.path());
-    index_into(states.before, scratch.path() / "a.db");
-    index_into(states.after, scratch.path() / "b.db");
+    kestrix_test::index_tree(states.before, scratch.path() / "a.db", /*retrieval_tables=*/false);
+    kestrix_test::index_tree(states.after, scratch.path() / "b.db", /*retrieval_tables=*/false);
     postgres::Connection writer(url);
     postgres::publish_index(scratch.path() / "a.db", writer, "org/a");
     postgres::publish_index(scratch.path() / "b.db", writer, "org/b");
@@ -362,7 +354,7 @@ TEST(ServerIndex, AReaderWithSelectOnlyAndAFailedCoveringLookupReadsOn) {
     kestrix_test::ScratchDir scratch("server-reader");
     auto& server = kestrix_test::PostgresServer::shared();
     const std::string url = server.create_database("reader");
-    index_into(kSample, scratch.path() / "index.db");
+    kestrix_test::index_tree(kSample, scratch.path() / "index.db", /*retrieval_tables=*/false);
     postgres::Connection admin(url);
     postgres::publish_index(scratch.path() / "index.db", admin, "org/sample");
     admin.exec("DROP ROLE IF EXISTS kestrix_reader");

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "support/index_tree.hpp"
 #include "orvane_kestrix/indexer/index_builder.hpp"
 #include "orvane_kestrix/retrieval/retrieval_tables.hpp"
 #include "orvane_kestrix/retrieval/sqlite_hybrid_retriever.hpp"
@@ -26,15 +27,6 @@ using namespace orvane_kestrix;
 using retrieval::SqliteHybridRetriever;
 
 const fs::path kSample = fs::path(KESTRIX_TEST_DATA) / "sample_repo";
-
-void index_into(const fs::path& repo, const fs::path& db, bool retrieval_tables = true) {
-    indexer::IndexOptions options;
-    options.repo = repo;
-    options.db = db;
-    options.use_git = false;
-    options.jobs = 2;
-    indexer::IndexBuilder(retrieval_tables ? retrieval::index_options_with_retrieval(options) : options).run();
-}
 
 class HybridRetrieverTest : public ::testing::Test {
 protected:
@@ -109,7 +101,7 @@ struct DirectionCase {
 };
 
 TEST_F(HybridRetrieverTest, TracesAndParaphrasesLeadToTheirSymbol) {
-    index_into(repo_, db_);
+    kestrix_test::index_tree(repo_, db_);
     const std::vector<DirectionCase> cases = {
         {"python frame by line",
          "Adding to a full cart crashes:\nTraceback (most recent call last):\n"
@@ -139,7 +131,7 @@ TEST_F(HybridRetrieverTest, TracesAndParaphrasesLeadToTheirSymbol) {
 }
 
 TEST_F(HybridRetrieverTest, TestFilesRankOnlyForTasksAboutTests) {
-    index_into(repo_, db_);
+    kestrix_test::index_tree(repo_, db_);
     SqliteRepository repository(db_);
     SqliteHybridRetriever retriever(repository.database());
     const std::set<std::string> test_paths = {"python/tests/test_cart.py", "web/test/format.test.js", "web/src/api.spec.ts",
@@ -166,7 +158,7 @@ TEST_F(HybridRetrieverTest, TestFilesRankOnlyForTasksAboutTests) {
 }
 
 TEST_F(HybridRetrieverTest, AnIndexWithoutTheTablesGivesTheNoteAndKeywordPacks) {
-    index_into(repo_, db_, /*retrieval_tables=*/false);
+    kestrix_test::index_tree(repo_, db_, /*retrieval_tables=*/false);
     const std::string task = "Fix total_price rounding of tax";
     {
         SqliteRepository repository(db_);
@@ -183,7 +175,7 @@ TEST_F(HybridRetrieverTest, AnIndexWithoutTheTablesGivesTheNoteAndKeywordPacks) 
         EXPECT_EQ(dropped_note, b.to_dict());
     }
     // The next index run adds them, with nothing else to do.
-    index_into(repo_, db_);
+    kestrix_test::index_tree(repo_, db_);
     SqliteRepository repository(db_);
     SqliteHybridRetriever retriever(repository.database());
     EXPECT_TRUE(retriever.has_tables());
@@ -194,7 +186,7 @@ TEST_F(HybridRetrieverTest, AnIndexWithoutTheTablesGivesTheNoteAndKeywordPacks) 
 }
 
 TEST_F(HybridRetrieverTest, TasksWithoutWordsGiveANoteAndNoHits) {
-    index_into(repo_, db_);
+    kestrix_test::index_tree(repo_, db_);
     SqliteRepository repository(db_);
     SqliteHybridRetriever retriever(repository.database());
     for (const std::string task : {"", "the and of it", "!!! ??? 42 3.14"}) {
@@ -214,7 +206,7 @@ TEST_F(HybridRetrieverTest, TasksWithoutWordsGiveANoteAndNoHits) {
 // The tables hold one row per symbol of every source file, and follow edits, new files and
 // deletions without being rebuilt whole.
 TEST_F(HybridRetrieverTest, TablesFollowTheFiles) {
-    index_into(repo_, db_);
+    kestrix_test::index_tree(repo_, db_);
     EXPECT_EQ(tables_consistent(), 0);
     const std::string task = "take a voucher discount code off the price";
     EXPECT_TRUE(hit_fqns(task).empty() || hit_fqns(task)[0] != "python.shop.cart.apply_voucher");
@@ -222,14 +214,14 @@ TEST_F(HybridRetrieverTest, TablesFollowTheFiles) {
     std::ofstream(repo_ / "python" / "shop" / "cart.py", std::ios::app)
         << "\n\ndef apply_voucher(total, code):\n    \"\"\"Takes the discount of a voucher code off a total.\"\"\"\n"
            "    return total - VOUCHERS.get(code, 0)\n";
-    index_into(repo_, db_);
+    kestrix_test::index_tree(repo_, db_);
     const auto stale_after_edit = tables_consistent();
     EXPECT_GT(stale_after_edit, 0);  // the edited file's old rows, left behind
     ASSERT_FALSE(hit_fqns(task).empty());
     EXPECT_EQ(hit_fqns(task)[0], "python.shop.cart.apply_voucher");
 
     fs::remove(repo_ / "python" / "shop" / "cart.py");
-    index_into(repo_, db_);
+    kestrix_test::index_tree(repo_, db_);
     EXPECT_GT(tables_consistent(), stale_after_edit);
     for (const auto& fqn : hit_fqns(task)) EXPECT_EQ(fqn.find("python.shop.cart."), std::string::npos) << fqn;
 }
@@ -259,7 +251,7 @@ TEST_F(HybridRetrieverTest, AFirstBuildStoppedBetweenBatchesIsCompletedWithWhole
         ASSERT_GT(db.scalar_int("SELECT count(*) FROM retrieval_file_state"), 0);
         EXPECT_FALSE(retrieval::has_retrieval_tables(db));
     }
-    index_into(repo_, db_);
+    kestrix_test::index_tree(repo_, db_);
     EXPECT_EQ(tables_consistent(), 0);
     const auto hits = hit_fqns("count the zebrafinch eggs");
     ASSERT_FALSE(hits.empty());
@@ -269,7 +261,7 @@ TEST_F(HybridRetrieverTest, AFirstBuildStoppedBetweenBatchesIsCompletedWithWhole
 TEST_F(HybridRetrieverTest, TablesReadNothingThroughALinkOutOfTheRoot) {
     // Indexed without the tables; then a source file becomes a link to a file outside the
     // root before the tables are made: its words must not reach them.
-    index_into(repo_, db_, /*retrieval_tables=*/false);
+    kestrix_test::index_tree(repo_, db_, /*retrieval_tables=*/false);
     std::ofstream(dir_ / "outside.py") << "def zebrafinch_secret():\n    return 'quokkaword'\n";
     const fs::path cart = repo_ / "python" / "shop" / "cart.py";
     fs::remove(cart);
