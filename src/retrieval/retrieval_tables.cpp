@@ -402,11 +402,31 @@ public:
                             "VALUES (?, ?, ?, ?, ?)"),
           doc_id_(meta_int(db, kLastDocKey)) {}
 
-    void write(const FileJob& job) {
-        for (std::size_t i = 0; i < job.symbols.size(); ++i) {
-            const SymbolRow& row = job.rows[i];
-            const std::int64_t rowid = text_rowid(job.symbols[i].id, row.tokens);
-            insert_symbol_.bind(1, job.is_test ? -rowid : rowid)
+    // Writes the rows, state and word counts of a group of files. Rows go in increasing rowid
+    // order: FTS5 turns what it holds in memory into a new segment whenever a row's rowid is
+    // below the one before, and test files' rows have negative rowids (written in file order,
+    // every row of a test file would make a segment of its own).
+    void write(std::span<const FileJob* const> jobs) {
+        struct Row {
+            std::int64_t rowid;
+            const FileJob* job;
+            std::size_t index;  // of the symbol in the job
+        };
+        std::vector<Row> symbol_rows, file_rows;
+        for (const FileJob* job : jobs) {
+            for (std::size_t i = 0; i < job->symbols.size(); ++i) {
+                const std::int64_t rowid = text_rowid(job->symbols[i].id, job->rows[i].tokens);
+                symbol_rows.push_back({job->is_test ? -rowid : rowid, job, i});
+            }
+            const std::int64_t rowid = text_rowid(++doc_id_, job->file_tokens);
+            file_rows.push_back({job->is_test ? -rowid : rowid, job, 0});
+        }
+        const auto by_rowid = [](const Row& a, const Row& b) { return a.rowid < b.rowid; };
+        std::sort(symbol_rows.begin(), symbol_rows.end(), by_rowid);
+        std::sort(file_rows.begin(), file_rows.end(), by_rowid);
+        for (const Row& symbol : symbol_rows) {
+            const SymbolRow& row = symbol.job->rows[symbol.index];
+            insert_symbol_.bind(1, symbol.rowid)
                 .bind_static(2, row.name)
                 .bind_static(3, row.qualified)
                 .bind_static(4, row.signature)
@@ -414,21 +434,21 @@ public:
                 .bind_static(6, row.body);
             insert_symbol_.run();
         }
-        ++doc_id_;
-        const std::int64_t rowid = text_rowid(doc_id_, job.file_tokens);
-        const std::int64_t doc = job.is_test ? -rowid : rowid;
-        insert_file_.bind(1, doc).bind_static(2, job.path_words).bind_static(3, job.file_body);
-        insert_file_.run();
-        insert_state_.bind(1, job.id)
-            .bind(2, doc)
-            .bind(3, job.content_hash)
-            .bind(4, job.is_test)
-            .bind(5, static_cast<std::int64_t>(job.symbols.size()));
-        insert_state_.run();
-        for (const auto& [word, rows] : job.word_rows) {
-            auto& total = word_rows_[word];
-            total.first += rows.first;
-            total.second += rows.second;
+        for (const Row& file : file_rows) {
+            const FileJob& job = *file.job;
+            insert_file_.bind(1, file.rowid).bind_static(2, job.path_words).bind_static(3, job.file_body);
+            insert_file_.run();
+            insert_state_.bind(1, job.id)
+                .bind(2, file.rowid)
+                .bind(3, job.content_hash)
+                .bind(4, job.is_test)
+                .bind(5, static_cast<std::int64_t>(job.symbols.size()));
+            insert_state_.run();
+            for (const auto& [word, rows] : job.word_rows) {
+                auto& total = word_rows_[word];
+                total.first += rows.first;
+                total.second += rows.second;
+            }
         }
     }
 
@@ -476,12 +496,12 @@ std::size_t write_rows(Database& db, const fs::path& root_path, std::vector<File
             describing = std::thread([&, next] { describe_all(root, chunk_at(next), threads); });
         }
         try {
-            for (FileJob& job : chunk_at(begin)) {
-                writer.write(job);
-                ++written;
-                // The texts are written; free them as we go.
-                job = FileJob();
-            }
+            std::vector<const FileJob*> chunk;
+            for (const FileJob& job : chunk_at(begin)) chunk.push_back(&job);
+            writer.write(chunk);
+            written += chunk.size();
+            // The texts are written; free them.
+            for (FileJob& job : chunk_at(begin)) job = FileJob();
         } catch (...) {
             if (describing.joinable()) describing.join();
             throw;
@@ -586,8 +606,10 @@ private:
             } else {
                 old_state_->reset();
             }
-            writer_->write(*job);
         }
+        std::vector<const FileJob*> group;
+        for (const auto& job : pending_) group.push_back(job.get());
+        writer_->write(group);
         pending_.clear();
         pending_bytes_ = 0;
     }
